@@ -1,0 +1,110 @@
+#include "handlink/emulator/qfc/ConduitSession.h"
+
+#include <fcntl.h>
+
+#include <QCborArray>
+#include <QCborValue>
+
+#include "handlink/HandlinkStatus.h"
+#include "handlink/emulator/DeviceState.h"
+#include "handlink/emulator/qfc/ConduitCodec.h"
+#include "handlink/wire/Frame.h"
+
+namespace handlink::emu::qfc {
+
+// The requests of the conduit, each counted and faulted as its operation. qfc-dir-read is
+// counted by the batches themselves (one per name handed out, one for the end mark).
+const ConduitSession::Request ConduitSession::kRequests[] = {
+    {"connect", "qfc-connect", Match::None, &ConduitSession::connect},
+    {"disconnect", "qfc-disconnect", Match::None, &ConduitSession::disconnect},
+    {"open", "qfc-open", Match::Path, &ConduitSession::open},
+    {"read", "qfc-read", Match::File, &ConduitSession::read},
+    {"lock", "qfc-lock", Match::File, &ConduitSession::lock},
+    {"unlock", "qfc-unlock", Match::File, &ConduitSession::unlock},
+    {"close", "qfc-close", Match::File, &ConduitSession::close},
+    {"remove", "qfc-remove", Match::Path, &ConduitSession::remove},
+    {"info", "qfc-info", Match::Path, &ConduitSession::info},
+    {"dir-open", "qfc-dir-open", Match::Path, &ConduitSession::directoryOpen},
+    {"dir-read", nullptr, Match::Directory, &ConduitSession::directoryRead},
+    {"dir-close", "qfc-dir-close", Match::Directory, &ConduitSession::directoryClose},
+};
+
+ConduitSession::ConduitSession(int fd, std::shared_ptr<DeviceState> device, const std::atomic<bool>& stopping)
+    : _fd(fd), _device(std::move(device)), _stopping(stopping) {
+    _root.reset(::open(_device->mediaRoot().toLocal8Bit().constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+void ConduitSession::run() {
+    while (!_stopping.load() && !_device->isDetached()) {
+        QCborMap request;
+        const wire::ReadResult result = wire::readFrame(_fd, &request);
+        if (result == wire::ReadResult::Closed || result == wire::ReadResult::IoError) return;
+        if (result != wire::ReadResult::Ok) {
+            QCborMap refusal;
+            refusal.insert(QStringLiteral("status"), kQFCBadHeaderError);
+            refusal.insert(QStringLiteral("error"), QString::fromLatin1(wire::describe(result)));
+            answer(refusal);
+            return;
+        }
+        if (dispatch(request) == Outcome::End) return;
+    }
+}
+
+ConduitSession::Outcome ConduitSession::dispatch(const QCborMap& request) {
+    const QString op = request.value(QStringLiteral("op")).toString();
+    for (const Request& kind : kRequests) {
+        if (op != QLatin1String(kind.op)) continue;
+        if (kind.operation) {
+            if (std::optional<int32_t> fault = _device->receive(QLatin1String(kind.operation), matchText(kind.match, request))) {
+                if (_device->isDetached()) return Outcome::End;
+                return answerStatus(*fault) ? Outcome::Continue : Outcome::End;
+            }
+        }
+        return (this->*kind.handler)(request);
+    }
+    QCborMap refusal;
+    refusal.insert(QStringLiteral("status"), kQFCUnknownPacketError);
+    refusal.insert(QStringLiteral("error"), QStringLiteral("unknown request \"%1\"").arg(op));
+    answer(refusal);
+    return Outcome::End;
+}
+
+QString ConduitSession::matchText(Match match, const QCborMap& request) const {
+    switch (match) {
+    case Match::None: return QString();
+    case Match::Path: return QString::fromUtf8(codec::pathOf(request));
+    case Match::File: {
+        auto it = _files.find(request.value(QStringLiteral("ref")).toInteger(-1));
+        return it == _files.end() ? QString() : it->second.path;
+    }
+    case Match::Directory: {
+        auto it = _directories.find(request.value(QStringLiteral("dir")).toInteger(-1));
+        return it == _directories.end() ? QString() : it->second.path;
+    }
+    }
+    return QString();
+}
+
+bool ConduitSession::answer(const QCborMap& map) { return wire::writeFrame(_fd, map); }
+
+bool ConduitSession::answerStatus(int32_t status) {
+    QCborMap map;
+    map.insert(QStringLiteral("status"), status);
+    return answer(map);
+}
+
+ConduitSession::Outcome ConduitSession::connect(const QCborMap&) {
+    return answerStatus(_root ? kQFCSuccess : kQFCNotFoundError) ? Outcome::Continue : Outcome::End;
+}
+
+ConduitSession::Outcome ConduitSession::disconnect(const QCborMap&) {
+    answerStatus(kQFCSuccess);
+    return Outcome::End;
+}
+
+ConduitSession::OpenFile* ConduitSession::file(const QCborMap& request) {
+    auto it = _files.find(request.value(QStringLiteral("ref")).toInteger(-1));
+    return it == _files.end() ? nullptr : &it->second;
+}
+
+}  // namespace handlink::emu::qfc

@@ -1,0 +1,94 @@
+#pragma once
+// One file-conduit connection of an emulated device (docs/protocol.md, "File conduit").
+//
+// Requests are read one at a time from the connection and answered in order. One static table
+// names every request with the operation it is counted and faulted as and what its match text
+// is; the dispatcher counts, applies faults and delays, and calls the handler. File references
+// and directory handles are small positive numbers, never reused on a connection; each file
+// reference is its own open file, so its flock lock is its own and goes when it is closed or
+// the connection ends. Runs on the connection's thread; nothing in it is shared.
+#include <QByteArray>
+#include <QCborMap>
+#include <QString>
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "handlink/emulator/qfc/DirectoryListing.h"
+#include "handlink/wire/UniqueFd.h"
+
+namespace handlink::emu {
+class DeviceState;
+}
+
+namespace handlink::emu::qfc {
+
+class ConduitSession {
+public:
+    ConduitSession(int fd, std::shared_ptr<DeviceState> device, const std::atomic<bool>& stopping);
+    // Serves until the client disconnects or closes, the device detaches or the server stops.
+    void run();
+
+    // Entries of one directory batch at most (the client asks for fewer), and its size bound.
+    static constexpr int kMaxBatchEntries = 4096;
+    static constexpr qsizetype kMaxBatchBytes = 2 * 1024 * 1024;
+    static constexpr size_t kMaxOpenFiles = 1024;
+
+private:
+    enum class Match { None, Path, File, Directory };
+    enum class Outcome { Continue, End };
+    using Handler = Outcome (ConduitSession::*)(const QCborMap& request);
+    struct Request {
+        const char* op;
+        const char* operation;  // counter and fault name
+        Match match;
+        Handler handler;
+    };
+    static const Request kRequests[];
+
+    struct OpenFile {
+        wire::UniqueFd fd;
+        QString path;
+        uint64_t offset = 0;
+    };
+    struct OpenDirectory {
+        std::unique_ptr<DirectoryListing> listing;
+        QString path;
+        int32_t error = 0;  // a listing that broke off keeps answering its failure
+    };
+
+    Outcome dispatch(const QCborMap& request);
+    QString matchText(Match match, const QCborMap& request) const;
+    bool answer(const QCborMap& map);
+    bool answerStatus(int32_t status);
+
+    Outcome connect(const QCborMap& request);
+    Outcome disconnect(const QCborMap& request);
+    Outcome open(const QCborMap& request);
+    Outcome read(const QCborMap& request);
+    Outcome lock(const QCborMap& request);
+    Outcome unlock(const QCborMap& request);
+    Outcome close(const QCborMap& request);
+    Outcome remove(const QCborMap& request);
+    Outcome info(const QCborMap& request);
+    Outcome directoryOpen(const QCborMap& request);
+    Outcome directoryRead(const QCborMap& request);
+    Outcome directoryClose(const QCborMap& request);
+
+    OpenFile* file(const QCborMap& request);
+    // Appends the next names of the directory (each counted as one qfc-dir-read) to answer.
+    void addBatch(OpenDirectory& directory, int max, QCborMap* answer);
+
+    int _fd;
+    std::shared_ptr<DeviceState> _device;
+    const std::atomic<bool>& _stopping;
+    wire::UniqueFd _root;  // Media/, O_PATH
+    std::map<int64_t, OpenFile> _files;
+    std::map<int64_t, OpenDirectory> _directories;
+    int64_t _nextFile = 1;
+    int64_t _nextDirectory = 1;
+};
+
+}  // namespace handlink::emu::qfc
