@@ -36,6 +36,8 @@ public:
     QString mediaRoot() const override;
     int count(const QString& operation) const override;
     int postCount(const QString& notificationName) const override;
+    std::map<QString, int> counts() const;       // every operation counted so far
+    std::map<QString, int> postCounts() const;   // every notification name posted so far
     QStringList postedNotifications() const override;
     void resetCounters() override;
     void addFault(const Fault& fault) override;
@@ -79,7 +81,10 @@ public:
     // Records an accepted post: counted by name, kept in order, printed, handed to the post
     // listeners (in registration order, outside the lock).
     void recordPost(const QString& name);
-    // Post listeners: called on the posting thread with the name of every accepted post.
+    // Post listeners: called on the posting thread with the name of every accepted post,
+    // without any lock of the device held. A listener may still be running on the posting
+    // thread when removePostListener() returns, so it should capture shared state (a
+    // shared_ptr or weak_ptr), not a raw pointer to an object about to be destroyed.
     int addPostListener(std::function<void(const QString&)> listener);
     void removePostListener(int token);
 
@@ -106,8 +111,8 @@ public:
 
     // Attachment number: differs for every attach, so a reference from an earlier attachment
     // of the same device is told apart (it answers not-connected).
-    void setAttachment(int64_t attachment) { _attachment = attachment; }
-    int64_t attachment() const { return _attachment; }
+    void setAttachment(qint64 attachment) { _attachment = attachment; }
+    qint64 attachment() const { return _attachment; }
 
 private:
     DeviceState() = default;
@@ -121,7 +126,7 @@ private:
 
     QString _folder;
     QString _identifier;
-    int64_t _attachment = 0;
+    qint64 _attachment = 0;
 
     mutable std::mutex _mutex;  // guards everything below
     QVariantMap _global;                 // the global domain

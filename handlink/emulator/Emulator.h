@@ -83,7 +83,8 @@ public:
     Emulator& operator=(const Emulator&) = delete;
 
     bool start(QString* error = nullptr);
-    // Closes every connection and the listening socket; subscribers see message 3.
+    // Closes every connection and the listening socket; subscribers see message 3. The
+    // devices are detached and forgotten: after start() again, attach them anew.
     void stop();
     QString socketPath() const;
 
@@ -94,8 +95,12 @@ public:
     std::shared_ptr<Device> device(const QString& identifier) const;
     QStringList attachedIdentifiers() const;  // in order of attachment
 
-    // Lines the daemon prints (attach, detach, posted notifications), for tests.
+    // Lines the daemon prints (attach, detach, posted notifications), for tests. The printer
+    // is called on the server's threads.
     void setPrinter(std::function<void(const QString& line)> printer);
+    // Which user may connect (checked with SO_PEERCRED); the emulator's own user by default.
+    // Tests name another user to see a connection refused.
+    void setAllowedUid(uint32_t uid);
 
 private:
     struct Impl;

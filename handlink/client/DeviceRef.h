@@ -1,0 +1,32 @@
+#pragma once
+// The device reference behind HLDeviceRef: identifier and attachment number (known without
+// the daemon), and the one lockdown connection shared by every holder of the reference.
+#include "handlink/Handlink.h"
+#include "handlink/wire/UniqueFd.h"
+
+#include <QString>
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+struct HLDevice {
+    HLDevice(QString id, int64_t attach) : identifier(std::move(id)), attachment(attach) {}
+
+    std::atomic<int> references{1};
+    const QString identifier;
+    const int64_t attachment;  // the daemon's number for this attachment; 0 for "any"
+
+    // Guards the lockdown connection and both nesting counts. Held across each request and
+    // its answer, so holders on several threads take turns on the one connection.
+    std::mutex mutex;
+    handlink::wire::UniqueFd lockdown;
+    int connectDepth = 0;
+    int sessionDepth = 0;
+};
+
+namespace handlink::client {
+
+// A new reference (one reference count, owned by the caller).
+HLDeviceRef makeDeviceRef(const QString& identifier, int64_t attachment);
+
+}  // namespace handlink::client

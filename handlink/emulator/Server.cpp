@@ -1,0 +1,378 @@
+#include "handlink/emulator/Server.h"
+
+#include "handlink/HandlinkStatus.h"
+#include "handlink/wire/Frame.h"
+
+#include <QCborArray>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRandomGenerator>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace handlink::emu {
+
+namespace {
+
+bool makeAddress(const QString& path, sockaddr_un* address, QString* error) {
+    const QByteArray bytes = QFile::encodeName(path);
+    if (bytes.isEmpty() || static_cast<size_t>(bytes.size()) >= sizeof(address->sun_path)) {
+        if (error) *error = QStringLiteral("socket path is empty or too long: %1").arg(path);
+        return false;
+    }
+    std::memset(address, 0, sizeof *address);
+    address->sun_family = AF_UNIX;
+    std::memcpy(address->sun_path, bytes.constData(), static_cast<size_t>(bytes.size()));
+    return true;
+}
+
+// True when a server answers on the path already.
+bool someoneListens(const sockaddr_un& address) {
+    wire::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) return false;
+    return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+// Sends a whole frame without blocking; a listener that cannot take it at once is too slow
+// (or gone) and is shut down, so a stuck client never stalls an attach or a post.
+void sendOrDrop(int fd, const QCborMap& frame) {
+    const QByteArray bytes = wire::encodeFrame(frame);
+    ssize_t n;
+    do {
+        n = ::send(fd, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (n < 0 && errno == EINTR);
+    if (n != bytes.size()) ::shutdown(fd, SHUT_RDWR);
+}
+
+}  // namespace
+
+void replyError(int fd, int32_t status, const QString& message) {
+    QCborMap answer;
+    answer.insert(QStringLiteral("status"), status);
+    if (!message.isEmpty()) answer.insert(QStringLiteral("error"), message);
+    wire::writeFrame(fd, answer);
+}
+
+void replyStatus(int fd, int32_t status) { replyError(fd, status, QString()); }
+
+void replyBadFrame(int fd, wire::ReadResult result) {
+    if (result == wire::ReadResult::Closed || result == wire::ReadResult::Ok) return;
+    replyError(fd, kHLDBadHeaderError, QString::fromLatin1(wire::describe(result)));
+}
+
+Server::Server(const QString& socketPath) : _socketPath(socketPath), _allowedUid(::getuid()) {}
+
+Server::~Server() { stop(); }
+
+bool Server::start(QString* error) {
+    if (_running.load()) return true;
+    sockaddr_un address;
+    if (!makeAddress(_socketPath, &address, error)) return false;
+    const QString folder = QFileInfo(_socketPath).absolutePath();
+    if (!QDir().mkpath(folder) || ::chmod(QFile::encodeName(folder).constData(), 0700) != 0) {
+        if (error) *error = QStringLiteral("cannot make the socket folder %1 (mode 0700)").arg(folder);
+        return false;
+    }
+    if (someoneListens(address)) {
+        if (error) *error = QStringLiteral("a daemon is already listening on %1").arg(_socketPath);
+        return false;
+    }
+    ::unlink(address.sun_path);  // a stale socket of a daemon that died
+
+    wire::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd || ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(fd.get(), 64) != 0) {
+        if (error) *error = QStringLiteral("cannot listen on %1: %2").arg(_socketPath, QString::fromLocal8Bit(std::strerror(errno)));
+        return false;
+    }
+    int pipeFds[2];
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0) {
+        if (error) *error = QStringLiteral("cannot make a pipe: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
+        return false;
+    }
+    _wakeRead.reset(pipeFds[0]);
+    _wakeWrite.reset(pipeFds[1]);
+    _listenFd = std::move(fd);
+    _stopping.store(false);
+    _running.store(true);
+    _acceptThread = std::thread([this] { acceptLoop(); });
+    return true;
+}
+
+void Server::stop() {
+    if (!_running.exchange(false)) return;
+    _stopping.store(true);
+    const char wake = 'x';
+    (void)!::write(_wakeWrite.get(), &wake, 1);
+    if (_acceptThread.joinable()) _acceptThread.join();
+    ::unlink(QFile::encodeName(_socketPath).constData());
+    _listenFd.reset();
+
+    std::vector<std::shared_ptr<DeviceState>> devices;
+    {
+        std::lock_guard lock(_devicesMutex);
+        devices.swap(_devices);
+        for (auto& device : devices) forgetDeviceLocked(*device);
+        _tickets.clear();
+    }
+    for (auto& device : devices) device->detach();
+    {
+        std::lock_guard lock(_connectionsMutex);
+        for (Connection& connection : _connections) ::shutdown(connection.fd.get(), SHUT_RDWR);
+    }
+    // Connection threads never take _connectionsMutex, so joining outside it is safe; no new
+    // connection can appear, as the accept loop has ended.
+    for (Connection& connection : _connections)
+        if (connection.thread.joinable()) connection.thread.join();
+    {
+        std::lock_guard lock(_connectionsMutex);
+        _connections.clear();
+    }
+    {
+        std::lock_guard lock(_devicesMutex);
+        _eventListeners.clear();
+        _watchers.clear();
+    }
+    _wakeRead.reset();
+    _wakeWrite.reset();
+}
+
+void Server::acceptLoop() {
+    while (!_stopping.load()) {
+        pollfd fds[2] = {{_listenFd.get(), POLLIN, 0}, {_wakeRead.get(), POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        if (fds[1].revents) break;
+        if (!(fds[0].revents & POLLIN)) continue;
+        wire::UniqueFd fd(::accept4(_listenFd.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!fd) continue;
+        reapFinished();
+        ucred credentials{};
+        socklen_t length = sizeof credentials;
+        if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 ||
+            credentials.uid != _allowedUid.load()) {
+            replyError(fd.get(), kHLDPermissionError, QStringLiteral("connections from another user are refused"));
+            continue;
+        }
+        std::lock_guard lock(_connectionsMutex);
+        Connection& connection = _connections.emplace_back();
+        connection.fd = std::move(fd);
+        connection.thread = std::thread([this, &connection] { serve(&connection); });
+    }
+}
+
+void Server::reapFinished() {
+    std::list<Connection> finished;
+    {
+        std::lock_guard lock(_connectionsMutex);
+        for (auto it = _connections.begin(); it != _connections.end();) {
+            auto next = std::next(it);
+            if (it->done.load()) finished.splice(finished.end(), _connections, it);
+            it = next;
+        }
+    }
+    for (Connection& connection : finished)
+        if (connection.thread.joinable()) connection.thread.join();
+}
+
+void Server::serve(Connection* connection) {
+    const int fd = connection->fd.get();
+    QCborMap first;
+    const wire::ReadResult result = wire::readFrame(fd, &first);
+    if (result != wire::ReadResult::Ok) {
+        replyBadFrame(fd, result);
+    } else {
+        const QString op = first.value(QStringLiteral("op")).toString();
+        if (op == QLatin1String("connect"))
+            serveLockdown(*this, fd, first);
+        else if (op == QLatin1String("service"))
+            serveService(*this, fd, first);
+        else if (op == QLatin1String("control"))
+            serveControl(*this, fd, first);
+        else if (op == QLatin1String("events"))
+            serveEvents(*this, fd, first);
+        else
+            replyError(fd, kHLDUnknownPacketError,
+                       QStringLiteral("the first request must be connect, service, control or events, not \"%1\"").arg(op));
+    }
+    ::shutdown(fd, SHUT_RDWR);
+    connection->done.store(true);
+}
+
+// ---- devices ----
+
+std::shared_ptr<DeviceState> Server::attach(const QString& folder, QString* error) {
+    std::shared_ptr<DeviceState> device = DeviceState::load(folder, error);
+    if (!device) return nullptr;
+    {
+        std::lock_guard lock(_devicesMutex);
+        for (const auto& other : _devices) {
+            if (other->identifier() == device->identifier()) {
+                if (error) *error = QStringLiteral("device %1 is attached already").arg(device->identifier());
+                return nullptr;
+            }
+        }
+        device->setAttachment(_nextAttachment++);
+        device->setPrinter([this](const QString& line) { print(line); });
+        const QString identifier = device->identifier();
+        _postListenerTokens[identifier] =
+            device->addPostListener([this, identifier](const QString& name) { deliverPost(identifier, name); });
+        _devices.push_back(device);
+        QCborMap event;
+        event.insert(QStringLiteral("event"), QStringLiteral("attached"));
+        event.insert(QStringLiteral("id"), identifier);
+        event.insert(QStringLiteral("name"), device->name());
+        event.insert(QStringLiteral("attachment"), device->attachment());
+        sendToListeners(_eventListeners, event);
+    }
+    print(QStringLiteral("attached %1 \"%2\" (%3)").arg(device->identifier(), device->name(), device->folder()));
+    return device;
+}
+
+bool Server::detach(const QString& identifier) {
+    std::shared_ptr<DeviceState> device;
+    {
+        std::lock_guard lock(_devicesMutex);
+        for (auto it = _devices.begin(); it != _devices.end(); ++it) {
+            if ((*it)->identifier() == identifier) {
+                device = *it;
+                _devices.erase(it);
+                break;
+            }
+        }
+        if (!device) return false;
+        forgetDeviceLocked(*device);
+        QCborMap event;
+        event.insert(QStringLiteral("event"), QStringLiteral("detached"));
+        event.insert(QStringLiteral("id"), identifier);
+        event.insert(QStringLiteral("attachment"), device->attachment());
+        sendToListeners(_eventListeners, event);
+    }
+    device->detach();
+    print(QStringLiteral("detached %1").arg(identifier));
+    return true;
+}
+
+void Server::forgetDeviceLocked(DeviceState& device) {
+    // The device object may outlive the server (tests keep it): cut its ties to the server.
+    auto it = _postListenerTokens.find(device.identifier());
+    if (it != _postListenerTokens.end()) {
+        device.removePostListener(it->second);
+        _postListenerTokens.erase(it);
+    }
+    device.setPrinter(nullptr);
+}
+
+std::shared_ptr<DeviceState> Server::device(const QString& identifier) const {
+    std::lock_guard lock(_devicesMutex);
+    for (const auto& device : _devices)
+        if (device->identifier() == identifier) return device;
+    return nullptr;
+}
+
+std::vector<std::shared_ptr<DeviceState>> Server::devices() const {
+    std::lock_guard lock(_devicesMutex);
+    return _devices;
+}
+
+void Server::setPrinter(std::function<void(const QString&)> printer) {
+    std::lock_guard lock(_printerMutex);
+    _printer = std::move(printer);
+}
+
+void Server::print(const QString& line) const {
+    std::lock_guard lock(_printerMutex);
+    if (_printer) _printer(line);
+}
+
+// ---- tickets ----
+
+QString Server::issueTicket(const std::shared_ptr<DeviceState>& device, const QString& service) {
+    quint32 words[4];
+    QRandomGenerator::system()->fillRange(words);
+    QString ticket;
+    for (quint32 word : words) ticket += QStringLiteral("%1").arg(word, 8, 16, QLatin1Char('0'));
+    std::lock_guard lock(_devicesMutex);
+    _tickets.push_back(Ticket{ticket, device, service});
+    return ticket;
+}
+
+bool Server::redeemTicket(const QString& ticket, std::shared_ptr<DeviceState>* device, QString* service) {
+    std::lock_guard lock(_devicesMutex);
+    for (auto it = _tickets.begin(); it != _tickets.end(); ++it) {
+        if (it->ticket == ticket) {
+            *device = it->device.lock();
+            *service = it->service;
+            _tickets.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+// ---- listeners and watchers ----
+
+int Server::addEventListener(int fd) {
+    std::lock_guard lock(_devicesMutex);
+    QCborArray devices;
+    for (const auto& device : _devices) {
+        QCborMap entry;
+        entry.insert(QStringLiteral("id"), device->identifier());
+        entry.insert(QStringLiteral("name"), device->name());
+        entry.insert(QStringLiteral("attachment"), device->attachment());
+        devices.append(entry);
+    }
+    QCborMap answer;
+    answer.insert(QStringLiteral("status"), kHLDSuccess);
+    answer.insert(QStringLiteral("devices"), devices);
+    const int token = _nextToken++;
+    _eventListeners.push_back(Listener{token, fd, QString()});
+    // Sent under the lock, so no attach or detach can slip in between the list and the events.
+    sendOrDrop(fd, answer);
+    return token;
+}
+
+void Server::removeEventListener(int token) {
+    std::lock_guard lock(_devicesMutex);
+    std::erase_if(_eventListeners, [token](const Listener& l) { return l.token == token; });
+}
+
+int Server::addWatcher(int fd, const QString& identifier) {
+    std::lock_guard lock(_devicesMutex);
+    const int token = _nextToken++;
+    _watchers.push_back(Listener{token, fd, identifier});
+    QCborMap answer;
+    answer.insert(QStringLiteral("status"), kHLDSuccess);
+    sendOrDrop(fd, answer);  // under the lock: no post can overtake the answer
+    return token;
+}
+
+void Server::removeWatcher(int token) {
+    std::lock_guard lock(_devicesMutex);
+    std::erase_if(_watchers, [token](const Listener& l) { return l.token == token; });
+}
+
+void Server::sendToListeners(std::vector<Listener>& listeners, const QCborMap& frame) {
+    for (const Listener& listener : listeners) sendOrDrop(listener.fd, frame);
+}
+
+void Server::deliverPost(const QString& identifier, const QString& name) {
+    QCborMap event;
+    event.insert(QStringLiteral("event"), QStringLiteral("posted"));
+    event.insert(QStringLiteral("id"), identifier);
+    event.insert(QStringLiteral("name"), name);
+    std::lock_guard lock(_devicesMutex);
+    for (const Listener& watcher : _watchers)
+        if (watcher.identifier.isEmpty() || watcher.identifier == identifier) sendOrDrop(watcher.fd, event);
+}
+
+}  // namespace handlink::emu
