@@ -14,6 +14,7 @@
 // may run on any thread; file-conduit and lock operations are meant for one device job at a
 // time (their bookkeeping is guarded, the library calls are not serialised beyond that).
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 #include <cstdint>
 #include <memory>
@@ -51,6 +52,8 @@ public:
     // A new device object for the first / last (most recent) attached device each call, or null.
     static std::shared_ptr<LinkDev> firstAvailableDevice();
     static std::shared_ptr<LinkDev> lastAvailableDevice();
+    // The identifiers of the attached devices, in order of arrival (for diagnostics and tests).
+    static QStringList availableDeviceIdentifiers();
     static void _notifyClientOfDeviceAvailabilityChanges(LinkDevObserver* observer);
     static void _noteDeviceAvailabilityDidChange(HLDeviceRef device, bool available);
 

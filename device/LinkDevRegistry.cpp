@@ -116,6 +116,15 @@ std::shared_ptr<LinkDev> LinkDev::lastAvailableDevice()
     return availableDevice([](const QList<HLDeviceRef>& devices) { return devices.last(); });
 }
 
+QStringList LinkDev::availableDeviceIdentifiers()
+{
+    Registry& r = registry();
+    std::lock_guard guard(r.mutex);
+    QStringList identifiers;
+    for (HLDeviceRef device : r.devices) identifiers << HLDeviceCopyDeviceIdentifier(device);
+    return identifiers;
+}
+
 void LinkDev::_notifyClientOfDeviceAvailabilityChanges(LinkDevObserver* observer)
 {
     observer->handlinkAvailabliltyDidChange();

@@ -1,0 +1,258 @@
+// The device registry: subscription, the attached-device list, observers and events.
+// Runs in a binary of its own: the first test needs a process that has not subscribed yet.
+#include <QThread>
+#include <gtest/gtest.h>
+#include <thread>
+
+#include "DeviceTestbed.h"
+#include "platform/SystemLog.h"
+#include "support/TestSupport.h"
+
+using devicetest::CountingObserver;
+using devicetest::Testbed;
+
+namespace {
+
+const bool installed = (devicetest::installEnvironment(false), true);
+
+QString identifierOf(const std::shared_ptr<LinkDev>& device)
+{
+    return device ? HLDeviceCopyDeviceIdentifier(device->deviceRef()) : QString();
+}
+
+// An observer that unregisters another observer when told.
+class UnregisteringObserver : public LinkDevObserver {
+public:
+    explicit UnregisteringObserver(LinkDevObserver* victim) : _victim(victim) {}
+    void handlinkAvailabliltyDidChange() override
+    {
+        ++calls;
+        LinkDev::unregisterDeviceObserver(_victim);
+    }
+    int calls = 0;
+
+private:
+    LinkDevObserver* _victim;
+};
+
+// Sends one event record to the library callback, the way the library does.
+void deliver(HLDeviceRef device, uint32_t message)
+{
+    HLDeviceNotificationInfo info{device, message};
+    HandleDeviceNotification(&info, nullptr);
+}
+
+}  // namespace
+
+// Must run first: nothing has subscribed in this process yet.
+TEST(Registry, FirstObserverLearnsOfAttachedDevicesThroughTheLibrary)
+{
+    ASSERT_TRUE(installed);
+    Testbed& bed = Testbed::instance();
+    const QString folder = bed.root() + QStringLiteral("/devices/early");
+    handlink::emu::MakeDeviceOptions options;
+    options.identifier = QStringLiteral("EARLY-DEVICE");
+    ASSERT_TRUE(handlink::emu::makeDevice(folder, options));
+    auto device = bed.emulator().attach(folder);
+    ASSERT_TRUE(device);
+
+    CountingObserver first;
+    LinkDev::registerDeviceObserver(&first);
+    EXPECT_EQ(first.calls, 0);  // not during registration
+    ASSERT_TRUE(testsupport::runUntil([&] { return first.calls > 0; }));
+    EXPECT_EQ(first.calls, 1);
+    EXPECT_EQ(LinkDev::availableDeviceIdentifiers(), QStringList{"EARLY-DEVICE"});
+
+    // A second registration of the same observer changes nothing in the set: it is told at
+    // once (a device is listed), and told only once per later change.
+    LinkDev::registerDeviceObserver(&first);
+    EXPECT_EQ(first.calls, 2);
+    bed.detach(device);
+    EXPECT_EQ(first.calls, 3);
+    LinkDev::unregisterDeviceObserver(&first);
+}
+
+TEST(Registry, LateObserverIsToldAtOnceAndOthersAreNotToldAgain)
+{
+    Testbed& bed = Testbed::instance();
+    CountingObserver first;
+    LinkDev::registerDeviceObserver(&first);
+    auto device = bed.attachNewDevice();
+    ASSERT_TRUE(device);
+    EXPECT_EQ(first.calls, 1);
+
+    CountingObserver late;
+    LinkDev::registerDeviceObserver(&late);
+    EXPECT_EQ(late.calls, 1);
+    EXPECT_EQ(first.calls, 1);
+
+    // With no device listed, a registration tells nobody.
+    bed.detach(device);
+    CountingObserver quiet;
+    LinkDev::registerDeviceObserver(&quiet);
+    EXPECT_EQ(quiet.calls, 0);
+    LinkDev::unregisterDeviceObserver(&quiet);
+    LinkDev::unregisterDeviceObserver(&late);
+    LinkDev::unregisterDeviceObserver(&first);
+}
+
+TEST(Registry, FirstAndLastFollowTheOrderOfArrival)
+{
+    Testbed& bed = Testbed::instance();
+    CountingObserver observer;
+    LinkDev::registerDeviceObserver(&observer);
+    EXPECT_EQ(LinkDev::firstAvailableDevice(), nullptr);
+    EXPECT_EQ(LinkDev::lastAvailableDevice(), nullptr);
+
+    auto a = bed.attachNewDevice();
+    auto b = bed.attachNewDevice();
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(observer.calls, 2);
+    EXPECT_EQ(identifierOf(LinkDev::firstAvailableDevice()), a->identifier());
+    EXPECT_EQ(identifierOf(LinkDev::lastAvailableDevice()), b->identifier());
+    // A new object on every request.
+    EXPECT_NE(LinkDev::lastAvailableDevice(), LinkDev::lastAvailableDevice());
+
+    bed.detach(b);
+    EXPECT_EQ(observer.calls, 3);
+    EXPECT_EQ(identifierOf(LinkDev::firstAvailableDevice()), a->identifier());
+    EXPECT_EQ(identifierOf(LinkDev::lastAvailableDevice()), a->identifier());
+
+    bed.detach(a);
+    EXPECT_EQ(observer.calls, 4);
+    EXPECT_EQ(LinkDev::firstAvailableDevice(), nullptr);
+    EXPECT_EQ(LinkDev::lastAvailableDevice(), nullptr);
+    LinkDev::unregisterDeviceObserver(&observer);
+}
+
+TEST(Registry, ReattachedDeviceIsTheSameDeviceUnderANewReference)
+{
+    Testbed& bed = Testbed::instance();
+    CountingObserver observer;
+    LinkDev::registerDeviceObserver(&observer);
+    auto device = bed.attachNewDevice();
+    ASSERT_TRUE(device);
+    std::shared_ptr<LinkDev> before = LinkDev::lastAvailableDevice();  // keeps the old reference alive
+    const QString folder = device->folder();
+    bed.detach(device);
+    EXPECT_EQ(identifierOf(before), device->identifier());  // a detached reference still names itself
+
+    auto again = bed.attachFolder(folder);
+    ASSERT_TRUE(again);
+    std::shared_ptr<LinkDev> after = LinkDev::lastAvailableDevice();
+    EXPECT_NE(after->deviceRef(), before->deviceRef());
+    EXPECT_EQ(identifierOf(after), device->identifier());
+    EXPECT_EQ(observer.calls, 3);
+
+    // An attach event for a listed device (by identifier) changes nothing and tells no one.
+    deliver(before->deviceRef(), kHLDNotificationConnected);
+    EXPECT_EQ(observer.calls, 3);
+    EXPECT_EQ(LinkDev::availableDeviceIdentifiers(), QStringList{device->identifier()});
+    EXPECT_EQ(LinkDev::lastAvailableDevice()->deviceRef(), after->deviceRef());
+
+    bed.detach(again);
+    // A detach event for a device not listed changes nothing and tells no one.
+    deliver(after->deviceRef(), kHLDNotificationDisconnected);
+    EXPECT_EQ(observer.calls, 4);
+    LinkDev::unregisterDeviceObserver(&observer);
+}
+
+TEST(Registry, EndOfSubscriptionRemovesAndUnknownMessagesAreReported)
+{
+    Testbed& bed = Testbed::instance();
+    CountingObserver observer;
+    LinkDev::registerDeviceObserver(&observer);
+    auto device = bed.attachNewDevice();
+    ASSERT_TRUE(device);
+    std::shared_ptr<LinkDev> listed = LinkDev::lastAvailableDevice();
+
+    platform::StderrCapture err;
+    deliver(listed->deviceRef(), 4);
+    EXPECT_EQ(err.text(), "Unknown action: 4\n");
+    EXPECT_EQ(observer.calls, 1);
+    EXPECT_EQ(LinkDev::availableDeviceIdentifiers().size(), 1);
+
+    deliver(listed->deviceRef(), kHLDNotificationUnsubscribed);
+    EXPECT_EQ(observer.calls, 2);
+    EXPECT_TRUE(LinkDev::availableDeviceIdentifiers().isEmpty());
+    deliver(listed->deviceRef(), kHLDNotificationConnected);
+    EXPECT_EQ(observer.calls, 3);
+    bed.detach(device);
+    EXPECT_EQ(observer.calls, 4);
+    LinkDev::unregisterDeviceObserver(&observer);
+}
+
+TEST(Registry, DaemonGoingAwayRemovesItsDevicesAndTheyComeBack)
+{
+    Testbed& bed = Testbed::instance();
+    CountingObserver observer;
+    LinkDev::registerDeviceObserver(&observer);
+    auto device = bed.attachNewDevice();
+    ASSERT_TRUE(device);
+    bed.emulator().stop();
+    ASSERT_TRUE(testsupport::runUntil([] { return LinkDev::availableDeviceIdentifiers().isEmpty(); }));
+    EXPECT_EQ(observer.calls, 2);
+    ASSERT_TRUE(bed.emulator().start());
+    if (bed.emulator().attachedIdentifiers().isEmpty()) bed.emulator().attach(device->folder());
+    ASSERT_TRUE(testsupport::runUntil(
+        [&] { return LinkDev::availableDeviceIdentifiers() == QStringList{device->identifier()}; }));
+    EXPECT_EQ(observer.calls, 3);
+    bed.detach(bed.emulator().device(device->identifier()));
+    LinkDev::unregisterDeviceObserver(&observer);
+}
+
+TEST(Registry, UnregisteredObserversAreNeverCalled)
+{
+    Testbed& bed = Testbed::instance();
+    CountingObserver gone;
+    LinkDev::registerDeviceObserver(&gone);
+    LinkDev::unregisterDeviceObserver(&gone);
+    LinkDev::unregisterDeviceObserver(&gone);  // unknown now: ignored
+
+    // The first observer takes the second out while the change is being told.
+    CountingObserver victim;
+    UnregisteringObserver remover(&victim);
+    LinkDev::registerDeviceObserver(&remover);
+    LinkDev::registerDeviceObserver(&victim);
+    auto device = bed.attachNewDevice();
+    ASSERT_TRUE(device);
+    EXPECT_EQ(remover.calls, 1);
+    EXPECT_EQ(victim.calls, 0);
+    EXPECT_EQ(gone.calls, 0);
+    bed.detach(device);
+    EXPECT_EQ(remover.calls, 2);
+    EXPECT_EQ(victim.calls, 0);
+    LinkDev::unregisterDeviceObserver(&remover);
+}
+
+TEST(Registry, ObserverRegisteredFromAWorkerIsToldAtOnce)
+{
+    Testbed& bed = Testbed::instance();
+    auto device = bed.attachNewDevice();
+    ASSERT_TRUE(device);
+    CountingObserver observer;
+    std::thread worker([&] { LinkDev::registerDeviceObserver(&observer); });
+    worker.join();
+    EXPECT_EQ(observer.calls, 1);
+    std::thread leaver([&] { LinkDev::unregisterDeviceObserver(&observer); });
+    leaver.join();
+    bed.detach(device);
+    EXPECT_EQ(observer.calls, 1);
+}
+
+TEST(Registry, DeviceObjectsWrapARetainedReference)
+{
+    EXPECT_EQ(LinkDev::create(nullptr), nullptr);
+    Testbed& bed = Testbed::instance();
+    auto device = bed.attachNewDevice(QStringLiteral("Bench Zephyr"));
+    ASSERT_TRUE(device);
+    std::shared_ptr<LinkDev> dev = LinkDev::lastAvailableDevice();
+    ASSERT_TRUE(dev);
+    EXPECT_EQ(dev->lockdownSession() != nullptr, true);
+    EXPECT_EQ(dev->name(), "Bench Zephyr");
+    EXPECT_TRUE(dev->description().contains(device->identifier()));
+    bed.detach(device);
+    // The registry let its reference go; the device object's own keeps it valid.
+    EXPECT_EQ(identifierOf(dev), device->identifier());
+    EXPECT_EQ(dev->name(), "Zephyr");  // no session on a detached device
+}
