@@ -180,7 +180,9 @@ bool Subscription::deliver(HLDeviceRef device, uint32_t message) {
     HLDeviceNotificationInfo info{device, message};
     // Keep the reference valid for the whole callback, even if it ends the subscription.
     HLDeviceRetain(device);
+    ++_callbackDepth;
     _callback(&info, _context);
+    --_callbackDepth;
     HLDeviceRelease(device);
     return !_ended;
 }
@@ -201,6 +203,10 @@ HLDStatus HLDeviceNotificationUnsubscribe(HLDeviceNotificationRef handle) {
     if (!handle) return kHLDInvalidArgumentError;
     auto* subscription = reinterpret_cast<handlink::client::Subscription*>(handle);
     subscription->end();
-    subscription->deleteLater();
+    // Inside one of its own callbacks the object is still on the stack: delete it later.
+    if (subscription->inCallback())
+        subscription->deleteLater();
+    else
+        delete subscription;
     return kHLDSuccess;
 }

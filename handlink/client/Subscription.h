@@ -24,6 +24,7 @@ public:
 
     // Stops delivering and releases the devices; the object is deleted later by its thread.
     void end();
+    bool inCallback() const { return _callbackDepth > 0; }
 
 private:
     void tryConnect();
@@ -51,6 +52,7 @@ private:
     bool _eof = false;
     bool _processing = false;
     bool _ended = false;
+    int _callbackDepth = 0;
     std::vector<HLDeviceRef> _devices;  // attached now, in order of arrival; one reference each
 };
 

@@ -42,7 +42,7 @@ QVariantMap globalValues(const QString& identifier, const MakeDeviceOptions& opt
     const QByteArray h = seedHash(QStringLiteral("device"), folderName, options.seed);
     const qint64 gb = 1000LL * 1000 * 1000;
     const qint64 diskCapacity = zephyr ? 16 * gb : 32 * gb;
-    const qint64 systemCapacity = 2 * gb + 147483648LL;  // more than 2^31 on purpose
+    const qint64 systemCapacity = 2684354560LL;  // 2.5 GiB: more than 2^31 on purpose
     const qint64 dataCapacity = diskCapacity - systemCapacity;
     const qint64 dataAvailable = dataCapacity / 3;
     QVariantMap v;

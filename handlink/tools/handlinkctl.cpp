@@ -115,6 +115,10 @@ int watchCommand(Context& context) {
     if (!args.positional().isEmpty()) message.insert(QStringLiteral("id"), args.positional()[0]);
     QString error;
     if (!control.call(message, nullptr, &error)) return fail(error);
+    // On standard error, so standard output carries the notifications alone.
+    std::fprintf(stderr, "watching %s (interrupt to stop)\n",
+                 args.positional().isEmpty() ? "all devices" : args.positional()[0].toLocal8Bit().constData());
+    std::fflush(stderr);
     for (;;) {
         QCborMap event;
         if (wire::readFrame(control.fd(), &event) != wire::ReadResult::Ok) return fail(QStringLiteral("the daemon went away"));
