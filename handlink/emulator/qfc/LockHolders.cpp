@@ -1,6 +1,7 @@
 #include "handlink/emulator/qfc/LockHolders.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 
 #include <cerrno>
@@ -12,6 +13,7 @@
 
 #include "handlink/emulator/DeviceState.h"
 #include "handlink/emulator/qfc/MediaPath.h"
+#include "handlink/wire/Frame.h"
 
 namespace handlink::emu {
 
@@ -144,6 +146,32 @@ std::unique_ptr<LockHolder> makeLockHolder(std::shared_ptr<DeviceState> device, 
         return fail(QStringLiteral("cannot lock %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno))));
     }
     return std::make_unique<DeviceLockHolder>(std::move(device), std::move(file), options);
+}
+
+}  // namespace handlink::emu
+
+namespace handlink::emu {
+
+bool holdLockForConnection(int fd, std::shared_ptr<DeviceState> device, const QString& path,
+                           const HoldLockOptions& options, QString* error) {
+    std::unique_ptr<LockHolder> holder = makeLockHolder(device, path, options, error);
+    if (!holder) return false;
+    QCborMap held;
+    held.insert(QStringLiteral("status"), kHLDSuccess);
+    held.insert(QStringLiteral("held"), true);
+    if (wire::writeFrame(fd, held)) {
+        // Short waits on the holder, each followed by a look at the connection.
+        while (!holder->waitReleased(20) && !device->isDetached()) {
+            pollfd peer{fd, POLLIN, 0};
+            if (::poll(&peer, 1, 0) != 0) break;  // the client went away or interrupts
+        }
+    }
+    holder->release();
+    QCborMap released;
+    released.insert(QStringLiteral("status"), kHLDSuccess);
+    released.insert(QStringLiteral("released"), true);
+    wire::writeFrame(fd, released);
+    return true;
 }
 
 }  // namespace handlink::emu

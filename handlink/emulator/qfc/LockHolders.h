@@ -17,3 +17,15 @@ std::unique_ptr<LockHolder> makeLockHolder(std::shared_ptr<DeviceState> device, 
                                            const HoldLockOptions& options, QString* error);
 
 }  // namespace handlink::emu
+
+namespace handlink::emu {
+
+// The lock of `handlinkctl hold-lock`, held for as long as its control connection lasts:
+// takes the lock (false with *error, nothing sent, when it cannot), answers status 0 on fd,
+// then waits until the holder lets go by its options, the device detaches, or the client
+// closes the connection or sends anything (interrupted: the lock is let go), and answers a
+// last frame {"status": 0, "released": true}. Runs on the control connection's thread.
+bool holdLockForConnection(int fd, std::shared_ptr<DeviceState> device, const QString& path,
+                           const HoldLockOptions& options, QString* error);
+
+}  // namespace handlink::emu

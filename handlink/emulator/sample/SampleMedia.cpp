@@ -153,6 +153,8 @@ public:
         case Kind::Text: ok = writeText(fd, bytes); break;
         case Kind::Data: ok = writeData(fd, bytes, rel); break;
         }
+        struct stat st;
+        if (ok && ::fstat(fd, &st) == 0) _written += static_cast<uint64_t>(st.st_size);
         ::close(fd);
         if (!ok) return fail("write", path);
         ++_files;
@@ -171,6 +173,7 @@ public:
 
     Rng& rng() { return _rng; }
     int files() const { return _files; }
+    uint64_t written() const { return _written; }
     const std::string& error() const { return _error; }
 
 private:
@@ -245,6 +248,7 @@ private:
     std::vector<std::string> _folders;
     std::set<std::string> _folderSet;
     int _files = 0;
+    uint64_t _written = 0;
     std::string _error;
 };
 
@@ -346,7 +350,8 @@ bool fillSampleMedia(const QString& mediaRoot, const MakeDeviceOptions& options,
         if (i % kFilesPerFolder == 0) used.clear();
         const std::string folder = bulkFolder(i / kFilesPerFolder);
         const std::string name = bulkName(writer.rng(), i, &used);
-        const uint64_t bytes = mean / 2 + writer.rng().below(mean + 1);
+        const uint64_t left = plan.bytes > writer.written() ? plan.bytes - writer.written() : 0;
+        const uint64_t bytes = std::min(left, mean / 2 + writer.rng().below(mean + 1));
         if (!writer.file(folder + "/" + name, i % 53 == 7 ? Kind::Empty : Kind::Data, bytes)) return failed();
     }
     if (!writer.finish()) return failed();

@@ -1,0 +1,335 @@
+// The file-conduit benchmark: reading a 512 MiB file in 512,000-byte chunks and walking a
+// media area of about 100,000 entries with file information for each, through handlinkd, side
+// by side with the plain local equivalents (cat, find -printf) and with the plainest possible
+// link between two processes (a socket pair, a 4-byte request, a 4-byte length, the payload).
+//
+//   conduit_bench BUILD_DIR [--work DIR] [--runs N]
+// Each figure is the best of N runs (default 3) on warm caches.
+#include <fcntl.h>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QThread>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "handlink/Handlink.h"
+#include "handlink/client/ControlClient.h"
+#include "handlink/emulator/Emulator.h"
+
+namespace {
+
+constexpr uint64_t kFileSize = 512ull << 20;
+constexpr size_t kChunk = 512000;
+constexpr int kListingFiles = 99450;  // with its folders, about 100,000 entries
+
+using Clock = std::chrono::steady_clock;
+
+double seconds(const std::function<bool()>& run, int runs, bool* ok) {
+    double best = 1e30;
+    for (int i = 0; i < runs; ++i) {
+        const auto start = Clock::now();
+        if (!run()) *ok = false;
+        best = std::min(best, std::chrono::duration<double>(Clock::now() - start).count());
+    }
+    return best;
+}
+
+bool shell(const std::string& command) { return std::system(command.c_str()) == 0; }
+
+std::string quoted(const QString& path) { return "'" + path.toStdString() + "'"; }
+
+bool writeBenchFile(const QString& path) {
+    const int fd = ::open(path.toLocal8Bit().constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0) return false;
+    std::vector<uint64_t> block(1 << 17);
+    uint64_t state = 0x9E3779B97F4A7C15ull;
+    bool ok = true;
+    for (uint64_t done = 0; ok && done < kFileSize; done += block.size() * 8) {
+        for (auto& word : block) word = (state = state * 6364136223846793005ull + 1442695040888963407ull) >> 11;
+        ok = ::write(fd, block.data(), block.size() * 8) == static_cast<ssize_t>(block.size() * 8);
+    }
+    ::close(fd);
+    return ok;
+}
+
+bool fullRead(int fd, void* data, size_t length) {
+    char* p = static_cast<char*>(data);
+    while (length > 0) {
+        ssize_t n = ::read(fd, p, length);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        p += n;
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool fullWrite(int fd, const void* data, size_t length) {
+    const char* p = static_cast<const char*>(data);
+    while (length > 0) {
+        ssize_t n = ::write(fd, p, length);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        p += n;
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// The floor: a child process serves the file over one socket pair in 512,000-byte rounds.
+bool socketFloor(const QString& path, bool useSendfile) {
+    int pair[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) return false;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(pair[0]);
+        const int file = ::open(path.toLocal8Bit().constData(), O_RDONLY);
+        std::vector<char> buffer(kChunk);
+        off_t offset = 0;
+        uint32_t request;
+        while (fullRead(pair[1], &request, sizeof request)) {
+            const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(request, kFileSize - static_cast<uint64_t>(offset)));
+            if (!fullWrite(pair[1], &n, sizeof n)) break;
+            if (useSendfile) {
+                size_t left = n;
+                while (left > 0) {
+                    ssize_t sent = ::sendfile(pair[1], file, &offset, left);
+                    if (sent <= 0) _exit(1);
+                    left -= static_cast<size_t>(sent);
+                }
+            } else {
+                if (::pread(file, buffer.data(), n, offset) != static_cast<ssize_t>(n) || !fullWrite(pair[1], buffer.data(), n))
+                    _exit(1);
+                offset += n;
+            }
+        }
+        _exit(0);
+    }
+    ::close(pair[1]);
+    std::vector<char> buffer(kChunk);
+    uint64_t total = 0;
+    for (;;) {
+        const uint32_t request = kChunk;
+        uint32_t n = 0;
+        if (!fullWrite(pair[0], &request, sizeof request) || !fullRead(pair[0], &n, sizeof n)) break;
+        if (n == 0 || !fullRead(pair[0], buffer.data(), n)) break;
+        total += n;
+    }
+    ::close(pair[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return total == kFileSize;
+}
+
+struct Link {
+    HLDeviceRef device = nullptr;
+    int fd = -1;
+    QFCConnectionRef connection = nullptr;
+};
+
+bool openConduit(const QString& socket, const QString& identifier, Link* link) {
+    QString error;
+    // The daemon attaches its devices as it starts: ask until this one is listed.
+    for (int attempt = 0; attempt < 400 && !link->device; ++attempt) {
+        link->device = handlink::client::copyDeviceForIdentifier(socket, identifier, &error);
+        if (!link->device) QThread::msleep(25);
+    }
+    if (!link->device) {
+        std::fprintf(stderr, "conduit_bench: %s\n", error.toLocal8Bit().constData());
+        return false;
+    }
+    if (HLDeviceConnect(link->device) != 0) return false;
+    if (!HLDeviceIsPaired(link->device) && HLDevicePair(link->device) != 0) return false;
+    if (HLDeviceStartSession(link->device) != 0) return false;
+    if (HLDeviceStartService(link->device, QStringLiteral("com.corvid.qfc"), &link->fd, nullptr) != 0) return false;
+    HLDeviceStopSession(link->device);
+    HLDeviceDisconnect(link->device);
+    return QFCConnectionOpen(link->fd, 0, &link->connection) == 0;
+}
+
+bool conduitRead(QFCConnectionRef connection, const char* path) {
+    QFCFileRef ref = kQFCInvalidFileRef;
+    if (QFCFileRefOpen(connection, path, kQFCModeReadWriteCreate, &ref) != 0) return false;
+    std::vector<char> buffer(kChunk);
+    uint64_t total = 0;
+    for (;;) {
+        uint64_t length = buffer.size();
+        if (QFCFileRefRead(connection, ref, buffer.data(), &length) != 0) return false;
+        if (length == 0) break;
+        total += length;
+    }
+    QFCFileRefClose(connection, ref);
+    return total == kFileSize;
+}
+
+// The walk of the transfer routines: depth first, each entry's information read as pairs.
+bool conduitWalk(QFCConnectionRef connection, const std::string& path, uint64_t* entries) {
+    QFCDirectoryRef directory = 0;
+    if (QFCDirectoryOpen(connection, path.c_str(), &directory) != 0) return false;
+    bool ok = true;
+    for (;;) {
+        const char* name = nullptr;
+        if (QFCDirectoryRead(connection, directory, &name) != 0) {
+            ok = false;
+            break;
+        }
+        if (!name) break;
+        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+        const std::string child = path.empty() ? std::string(name) : path + "/" + name;
+        QFCKeyValueRef pairs = nullptr;
+        if (QFCFileInfoOpen(connection, child.c_str(), &pairs) != 0) {
+            ok = false;
+            continue;
+        }
+        bool folder = false;
+        const char* key = nullptr;
+        const char* value = nullptr;
+        while (QFCKeyValueRead(pairs, &key, &value) == 0 && key && value)
+            if (std::strcmp(key, "st_ifmt") == 0) folder = std::strstr(value, "S_IFDIR") != nullptr;
+        QFCKeyValueClose(pairs);
+        ++*entries;
+        if (folder) ok = conduitWalk(connection, child, entries) && ok;
+    }
+    QFCDirectoryClose(connection, directory);
+    return ok;
+}
+
+long peakMemoryKiB(qint64 pid) {
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly)) return -1;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith("VmHWM:")) return line.mid(6).trimmed().split(' ').value(0).toLong();
+    return -1;
+}
+
+bool makeDevice(const QString& folder, const QString& identifier, const QString& sample, int files) {
+    handlink::emu::MakeDeviceOptions options;
+    options.identifier = identifier;
+    options.sample = sample;
+    options.files = files;
+    options.seed = 42;
+    QString error;
+    if (handlink::emu::makeDevice(folder, options, &error)) return true;
+    std::fprintf(stderr, "conduit_bench: %s\n", error.toLocal8Bit().constData());
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    const QStringList args = app.arguments();
+    if (args.size() < 2) {
+        std::fprintf(stderr, "usage: conduit_bench BUILD_DIR [--work DIR] [--runs N]\n");
+        return 2;
+    }
+    const QString binDir = args[1] + QStringLiteral("/bin");
+    QString workBase = QDir::tempPath();
+    int runs = 3;
+    for (qsizetype i = 2; i + 1 < args.size(); i += 2) {
+        if (args[i] == QLatin1String("--work")) workBase = args[i + 1];
+        if (args[i] == QLatin1String("--runs")) runs = std::max(1, args[i + 1].toInt());
+    }
+    QTemporaryDir work(workBase + QStringLiteral("/conduit-bench-XXXXXX"));
+    if (!work.isValid()) return 1;
+    const QString socket = work.filePath(QStringLiteral("run/handlinkd.sock"));
+    qputenv("HANDLINK_SOCKET", QFile::encodeName(socket));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(work.filePath(QStringLiteral("config"))));
+
+    std::fprintf(stdout, "conduit benchmark: preparing data in %s\n", work.path().toLocal8Bit().constData());
+    std::fflush(stdout);
+    const QString readDevice = work.filePath(QStringLiteral("read-device"));
+    const QString listDevice = work.filePath(QStringLiteral("list-device"));
+    const QString bigFile = readDevice + QStringLiteral("/Media/Recordings/bench.m4a");
+    if (!makeDevice(readDevice, QStringLiteral("BENCH-READ"), QString(), 0) ||
+        !QDir().mkpath(readDevice + QStringLiteral("/Media/Recordings")) || !writeBenchFile(bigFile) ||
+        !makeDevice(listDevice, QStringLiteral("BENCH-LIST"), QStringLiteral("32M"), kListingFiles))
+        return 1;
+    const QString listMedia = listDevice + QStringLiteral("/Media");
+    shell("cat " + quoted(bigFile) + " > /dev/null");
+    shell("find " + quoted(listMedia) + " > /dev/null");
+
+    bool ok = true;
+    // Local figures and the floor, before the daemon runs.
+    const double cat = seconds([&] { return shell("cat " + quoted(bigFile) + " > /dev/null"); }, runs, &ok);
+    const double floorWrite = seconds([&] { return socketFloor(bigFile, false); }, runs, &ok);
+    const double floorSendfile = seconds([&] { return socketFloor(bigFile, true); }, runs, &ok);
+    const double floor = std::min(floorWrite, floorSendfile);
+    const std::string findCommand = "find " + quoted(listMedia) + " -mindepth 1 -printf '%P\\t%y\\t%s\\t%b\\t%n\\t%T@\\t%B@\\n'";
+    const double find = seconds([&] { return shell(findCommand + " > /dev/null"); }, runs, &ok);
+    QProcess counter;
+    counter.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), QString::fromStdString(findCommand + " | wc -l")});
+    counter.waitForFinished(-1);
+    const uint64_t findEntries = counter.readAllStandardOutput().trimmed().toULongLong();
+
+    QProcess daemon;
+    daemon.setProgram(binDir + QStringLiteral("/handlinkd"));
+    daemon.setArguments({QStringLiteral("--socket"), socket, QStringLiteral("--device"), readDevice,
+                         QStringLiteral("--device"), listDevice});
+    daemon.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    daemon.start();
+    if (!daemon.waitForStarted()) {
+        std::fprintf(stderr, "conduit_bench: cannot start %s\n", daemon.program().toLocal8Bit().constData());
+        return 1;
+    }
+    Link readLink, listLink;
+    if (!openConduit(socket, QStringLiteral("BENCH-READ"), &readLink) ||
+        !openConduit(socket, QStringLiteral("BENCH-LIST"), &listLink)) {
+        std::fprintf(stderr, "conduit_bench: no conduit connection\n");
+        return 1;
+    }
+    const double conduit = seconds([&] { return conduitRead(readLink.connection, "Recordings/bench.m4a"); }, runs, &ok);
+    uint64_t walked = 0;
+    const double listing = seconds([&] {
+        walked = 0;
+        return conduitWalk(listLink.connection, "", &walked);
+    }, runs, &ok);
+    const long peakKiB = peakMemoryKiB(daemon.processId());
+    QFCConnectionClose(readLink.connection);
+    QFCConnectionClose(listLink.connection);
+    ::close(readLink.fd);
+    ::close(listLink.fd);
+    HLDeviceRelease(readLink.device);
+    HLDeviceRelease(listLink.device);
+    daemon.terminate();
+    daemon.waitForFinished(10000);
+
+    const auto line = [](const char* label, double value, const std::string& note = std::string()) {
+        std::fprintf(stdout, "  %-44s %8.3f s%s\n", label, value, note.c_str());
+    };
+    const auto ratio = [](const char* name, double value) {
+        char text[64];
+        std::snprintf(text, sizeof text, "   %s %.2fx", name, value);
+        return std::string(text);
+    };
+    std::fprintf(stdout, "read: 512 MiB file in 512,000-byte chunks (best of %d)\n", runs);
+    line("cat file > /dev/null", cat);
+    line("socket pair floor, read/write", floorWrite);
+    line("socket pair floor, sendfile", floorSendfile);
+    line("conduit through handlinkd", conduit, ratio("vs floor", conduit / floor) + ratio("vs cat", conduit / cat));
+    std::fprintf(stdout, "list: %llu entries with file information (best of %d)\n", static_cast<unsigned long long>(findEntries), runs);
+    line("find -printf (type, size, blocks, links, times)", find);
+    line("conduit walk through handlinkd", listing, ratio("vs find", listing / find));
+    std::fprintf(stdout, "handlinkd peak memory: %ld KiB\n", peakKiB);
+    std::fprintf(stdout, "aims: read <= 1.3x floor: %s; listing <= 3x find: %s\n",
+                 conduit / floor <= 1.3 ? "met" : "missed", listing / find <= 3.0 ? "met" : "missed");
+    if (walked != findEntries) {
+        std::fprintf(stderr, "conduit_bench: the walk saw %llu entries, find %llu\n",
+                     static_cast<unsigned long long>(walked), static_cast<unsigned long long>(findEntries));
+        ok = false;
+    }
+    if (!ok) std::fprintf(stderr, "conduit_bench: a run failed\n");
+    return ok ? 0 : 1;
+}
