@@ -6,6 +6,10 @@
 #include "handlink/emulator/Server.h"
 #include "handlink/wire/Values.h"
 
+#ifdef VIREO_HANDLINK_HAVE_LOCK_HOLDERS
+#include "handlink/emulator/qfc/LockHolders.h"
+#endif
+
 #include <QCborArray>
 
 namespace handlink::emu {
@@ -195,6 +199,13 @@ private:
         options.afterMs = static_cast<int>(integer(request, "afterMs", 0));
         options.seconds = static_cast<int>(integer(request, "seconds", 0));
         QString message;
+#ifdef VIREO_HANDLINK_HAVE_LOCK_HOLDERS
+        // "wait": held for as long as this connection lasts (handlinkctl hold-lock).
+        if (request.value(QStringLiteral("wait")).toBool()) {
+            if (holdLockForConnection(_fd, _device, text(request, "path"), options, &message)) return false;
+            return error(answer, kQFCWouldBlockError, message);
+        }
+#endif
         if (!_device->holdLockForControl(text(request, "path"), options, &message))
             return error(answer, kQFCWouldBlockError, message);
         return ok(answer);
