@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/PropertyList.h"
 #include "qfc_testbed.h"
 #include "support/TestSupport.h"
 
@@ -195,6 +196,35 @@ TEST_F(FilesTest, BirthTimeIsReportedWhenTheFileSystemKeepsOne) {
     } else {
         EXPECT_EQ(pairs.count("st_birthtime"), 0u);
     }
+}
+
+TEST_F(FilesTest, ADeviceWhoseFileSystemKeepsNoBirthTimesLeavesTheKeyOut) {
+    const QString plistPath = device->folder() + QStringLiteral("/device.plist");
+    auto plist = platform::plist::readFile(plistPath);
+    ASSERT_TRUE(plist);
+    QVariantMap root = plist->toMap();
+    QVariantMap emulation = root.value(QStringLiteral("Emulation")).toMap();
+    emulation.insert(QStringLiteral("BirthTimes"), false);
+    root.insert(QStringLiteral("Emulation"), emulation);
+    ASSERT_TRUE(platform::plist::writeFile(plistPath, root));
+    ASSERT_EQ(::mkdir(media("D").c_str(), 0755), 0);
+    writeFile(media("D/new.txt"), "x");
+
+    Conduit other = openConduit();  // the device's file system is looked at per connection
+    HLDStatus status = 0;
+    auto pairs = infoPairs(other.connection, "D/new.txt", &status);
+    ASSERT_EQ(status, kQFCSuccess);
+    EXPECT_EQ(pairs.count("st_birthtime"), 0u);
+    EXPECT_EQ(pairs.count("st_mtime"), 1u);
+    EXPECT_EQ(pairs.size(), 5u);
+    // The same from a directory batch.
+    QFCDirectoryRef dir = 0;
+    ASSERT_EQ(QFCDirectoryOpen(other.connection, "D", &dir), kQFCSuccess);
+    const int infoCalls = device->count("qfc-info");
+    pairs = infoPairs(other.connection, "D/new.txt", &status);
+    EXPECT_EQ(device->count("qfc-info"), infoCalls);
+    EXPECT_EQ(pairs.count("st_birthtime"), 0u);
+    EXPECT_EQ(pairs["st_size"], "1");
 }
 
 TEST_F(FilesTest, SizesOfTwoGibibytesAndMoreAreExact) {

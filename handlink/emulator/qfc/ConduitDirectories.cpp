@@ -92,7 +92,7 @@ void ConduitSession::addBatch(OpenDirectory& directory, int max, QCborMap* answe
         QCborArray entry;
         entry.append(QByteArray(name.data(), static_cast<qsizetype>(name.size())));
         FileStat st;
-        if (withInfo && name != "." && name != ".." && statEntry(directory.listing->fd(), name.c_str(), &st) == 0)
+        if (withInfo && name != "." && name != ".." && stat(directory.listing->fd(), name.c_str(), &st) == 0)
             entry.append(codec::infoArray(st));
         else
             entry.append(QCborValue(QCborValue::Null));

@@ -143,7 +143,7 @@ ConduitSession::Outcome ConduitSession::info(const QCborMap& request) {
     FileStat st;
     if (_root) status = resolvePath(_root.get(), codec::pathOf(request), FinalLink::Keep, &where);
     if (status == kQFCSuccess) {
-        if (int error = statEntry(where.parent.get(), where.name.c_str(), &st)) status = statusFromErrno(error);
+        if (int error = stat(where.parent.get(), where.name.c_str(), &st)) status = statusFromErrno(error);
     }
     QCborMap map;
     map.insert(QStringLiteral("status"), status);

@@ -6,9 +6,11 @@
 #include <QCborValue>
 
 #include "handlink/HandlinkStatus.h"
+#include "handlink/emulator/DeviceFolder.h"
 #include "handlink/emulator/DeviceState.h"
 #include "handlink/emulator/qfc/ConduitCodec.h"
 #include "handlink/wire/Frame.h"
+#include "platform/PropertyList.h"
 
 namespace handlink::emu::qfc {
 
@@ -32,6 +34,17 @@ const ConduitSession::Request ConduitSession::kRequests[] = {
 ConduitSession::ConduitSession(int fd, std::shared_ptr<DeviceState> device, const std::atomic<bool>& stopping)
     : _fd(fd), _device(std::move(device)), _stopping(stopping) {
     _root.reset(::open(_device->mediaRoot().toLocal8Bit().constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    // Read once per connection, like the rest of the device's file system.
+    if (const auto plist = platform::plist::readFile(folder::plistPath(_device->folder()))) {
+        const QVariant birthTimes = plist->toMap().value(folder::kEmulation).toMap().value(QStringLiteral("BirthTimes"));
+        if (birthTimes.isValid()) _birthTimes = birthTimes.toBool();
+    }
+}
+
+int ConduitSession::stat(int dir, const char* name, FileStat* out) const {
+    const int error = statEntry(dir, name, out);
+    if (!_birthTimes) out->btimeNs.reset();
+    return error;
 }
 
 void ConduitSession::run() {

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "handlink/emulator/qfc/DirectoryListing.h"
+#include "handlink/emulator/qfc/FileStat.h"
 #include "handlink/wire/UniqueFd.h"
 
 namespace handlink::emu {
@@ -78,6 +79,8 @@ private:
     Outcome directoryClose(const QCborMap& request);
 
     OpenFile* file(const QCborMap& request);
+    // statx of an entry; without the birth time when the device's file system keeps none.
+    int stat(int dir, const char* name, FileStat* out) const;
     // Appends the next names of the directory (each counted as one qfc-dir-read) to answer.
     void addBatch(OpenDirectory& directory, int max, QCborMap* answer);
 
@@ -89,6 +92,7 @@ private:
     std::map<int64_t, OpenDirectory> _directories;
     int64_t _nextFile = 1;
     int64_t _nextDirectory = 1;
+    bool _birthTimes = true;  // device.plist Emulation "BirthTimes" (a file system without them: false)
 };
 
 }  // namespace handlink::emu::qfc
