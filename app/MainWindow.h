@@ -6,6 +6,8 @@
 #include <QMainWindow>
 #include <memory>
 
+#include "app/ProgressIndicator.h"
+
 namespace platform {
 class Defaults;
 }
@@ -16,7 +18,6 @@ class QAction;
 class QComboBox;
 class QLabel;
 class QLineEdit;
-class QProgressBar;
 class QPushButton;
 class QTabWidget;
 
@@ -29,7 +30,7 @@ public:
     QLabel* deviceNameLabel() const;
     QComboBox* actionComboBox() const;
     QPushButton* runButton() const;
-    QProgressBar* progressBar() const;
+    ProgressIndicator* progressBar() const;
     QLabel* opStatusText() const;
     QTabWidget* tabView() const;
     QLineEdit* checkStatusField() const;

@@ -1,0 +1,120 @@
+#pragma once
+// The app tests' world: one in-process emulator on one socket for the whole binary (the
+// device registry subscribes once per process), a fresh defaults file per test, and an alert
+// presenter that answers from a script.
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "app/AlertPresenter.h"
+#include "handlink/emulator/Emulator.h"
+
+namespace apptest {
+
+class Testbed {
+public:
+    static Testbed& instance();
+
+    Testbed();
+    ~Testbed();
+    void start();
+    void stop();
+
+    handlink::emu::Emulator& emulator() { return *_emulator; }
+    QString root() const { return _root.path(); }
+
+    // Makes a device with this DeviceName, attaches it and waits until the registry lists it.
+    std::shared_ptr<handlink::emu::Device> attachNewDevice(const QString& name,
+                                                           const QString& pairing = QStringLiteral("accept"));
+    // Detaches and waits until the registry no longer lists it.
+    void detach(const std::shared_ptr<handlink::emu::Device>& device);
+    void detachAll();
+
+    // Points the standard defaults store at a new, empty file and returns its path.
+    QString freshDefaultsFile();
+
+private:
+    QTemporaryDir _root;
+    std::unique_ptr<handlink::emu::Emulator> _emulator;
+    int _made = 0;
+    int _defaultsFiles = 0;
+};
+
+void installEnvironment();
+
+// Every test starts with no device and a fresh defaults file, and detaches what it attached.
+class AppTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    QString defaultsPath;
+};
+
+// Answers alerts from a queue (the first button when the queue is empty) and records them
+// with the thread they ran on.
+class ScriptedAlertPresenter : public AlertPresenter {
+public:
+    int runModal(const Alert& alert) override;
+    void answer(int button);
+
+    struct Shown {
+        Alert alert;
+        bool onMainThread;
+    };
+    std::vector<Shown> shown() const;
+
+private:
+    mutable std::mutex _mutex;  // guards both fields (written on the main thread, read by tests)
+    std::deque<int> _answers;
+    std::vector<Shown> _shown;
+};
+
+// Keys written to the store, in order, while alive; entries() also has the value each key
+// held when its change was announced ("key=value").
+class WriteRecorder {
+public:
+    WriteRecorder();
+    ~WriteRecorder();
+    QStringList keys() const { return _keys; }
+    QStringList entries() const { return _entries; }
+
+private:
+    QStringList _keys;
+    QStringList _entries;
+    QMetaObject::Connection _connection;
+};
+
+// A real worker thread that runs one step at a time while the main thread's event loop runs,
+// so the code under test hands over to the main thread exactly as it does in a command.
+class Worker {
+public:
+    Worker();
+    ~Worker();
+    // Runs step on the worker and keeps the main loop going until it has returned; false if
+    // it never did (a hang).
+    bool run(std::function<void()> step);
+    // Starts step on the worker and returns at once; finished() tells when it is over.
+    void start(std::function<void()> step);
+    bool finished() const;
+
+private:
+    void loop();
+
+    mutable std::mutex _mutex;  // guards the three fields below
+    std::condition_variable _wake;
+    std::function<void()> _step;
+    bool _busy = false;
+    bool _quit = false;
+    std::thread _thread;
+};
+
+}  // namespace apptest

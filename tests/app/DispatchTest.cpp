@@ -1,0 +1,136 @@
+// doIt: the delayed start of each command by "linkDevAction", and the return to idle.
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+
+#include "AppTestbed.h"
+#include "app/AppInterface.h"
+#include "app/MainWindow.h"
+#include "app/VRAppController.h"
+#include "platform/Defaults.h"
+#include "support/TestSupport.h"
+
+using apptest::AppTest;
+using apptest::Testbed;
+using platform::Defaults;
+
+namespace {
+
+struct Dispatch {
+    Defaults& store = Defaults::standard();
+    AppInterface interface{store};
+    VRAppController& controller = interface.controller();
+    QProgressBar* bar = interface.mainWindow().progressBar();
+    QLabel* text = interface.mainWindow().opStatusText();
+
+    Dispatch()
+    {
+        interface.show();
+        // A determinate bar and an old text, so doIt's reset shows.
+        bar->setRange(0, 1000);
+        bar->setValue(700);
+        text->setText(QStringLiteral("Done."));
+    }
+    bool idle() const { return store.boolForKey(QStringLiteral("appInactive")); }
+    bool indeterminate() const { return bar->minimum() == 0 && bar->maximum() == 0; }
+};
+
+// Runs doIt for the action and checks the busy state it leaves before the delay is over.
+void startAndExpectBusy(Dispatch& d, qint64 action)
+{
+    d.store.setInteger(QStringLiteral("linkDevAction"), action);
+    d.controller.doIt();
+    EXPECT_FALSE(d.idle());
+    EXPECT_TRUE(d.indeterminate());
+    EXPECT_EQ(d.text->text(), QString());
+    EXPECT_TRUE(d.controller.hasScheduledCommand());
+    EXPECT_FALSE(d.interface.mainWindow().runButton()->isEnabled());
+}
+
+}  // namespace
+
+TEST_F(AppTest, GetFilesStartsAfterTheDelayAndReturnsToIdle)
+{
+    Dispatch d;
+    apptest::WriteRecorder writes;
+    startAndExpectBusy(d, 0);
+    EXPECT_FALSE(d.store.boolForKey(QStringLiteral("activeLinkDevActionGetFiles"))) << "nothing runs before the delay";
+
+    ASSERT_TRUE(testsupport::runUntil([&] { return d.idle(); }));
+    EXPECT_FALSE(d.controller.hasScheduledCommand());
+    EXPECT_FALSE(d.store.boolForKey(QStringLiteral("activeLinkDevActionGetFiles")));
+    // The flag goes up when the command runs and down before the window is idle again.
+    EXPECT_EQ(writes.entries(), (QStringList{QStringLiteral("linkDevAction=0"), QStringLiteral("appInactive=false"),
+                                             QStringLiteral("activeLinkDevActionGetFiles=true"),
+                                             QStringLiteral("activeLinkDevActionGetFiles=false"),
+                                             QStringLiteral("appInactive=true")}));
+}
+
+TEST_F(AppTest, SimulateSyncStartsAfterTheDelayAndReturnsToIdle)
+{
+    Dispatch d;
+    apptest::WriteRecorder writes;
+    d.text->hide();
+    startAndExpectBusy(d, 1);
+    EXPECT_FALSE(d.store.boolForKey(QStringLiteral("activeLinkDevActionSyncing")));
+
+    ASSERT_TRUE(testsupport::runUntil([&] { return d.idle(); }));
+    EXPECT_FALSE(d.store.boolForKey(QStringLiteral("activeLinkDevActionSyncing")));
+    EXPECT_EQ(writes.entries(), (QStringList{QStringLiteral("linkDevAction=1"), QStringLiteral("appInactive=false"),
+                                             QStringLiteral("activeLinkDevActionSyncing=true"),
+                                             QStringLiteral("activeLinkDevActionSyncing=false"),
+                                             QStringLiteral("appInactive=true")}));
+    EXPECT_TRUE(d.text->isVisible()) << "the status line is shown for the simulator's texts";
+
+    d.controller.updateSyncInfoText(QStringLiteral("waiting to acquire lock...."));
+    EXPECT_EQ(d.text->text(), QStringLiteral("waiting to acquire lock...."));
+}
+
+TEST_F(AppTest, CheckStatusShowsItsTextAndReturnsToIdle)
+{
+    Dispatch d;
+    apptest::WriteRecorder writes;
+    d.text->hide();
+    startAndExpectBusy(d, 2);
+    EXPECT_EQ(d.text->text(), QString()) << "the text appears only when the check runs";
+
+    ASSERT_TRUE(testsupport::runUntil([&] { return d.idle(); }));
+    EXPECT_EQ(d.text->text(), QStringLiteral("Checking Status..."));
+    EXPECT_TRUE(d.text->isVisible());
+    EXPECT_FALSE(writes.keys().contains(QStringLiteral("activeLinkDevActionGetFiles")));
+    EXPECT_FALSE(writes.keys().contains(QStringLiteral("activeLinkDevActionSyncing")));
+}
+
+TEST_F(AppTest, UnknownActionsReturnToIdleAtOnce)
+{
+    for (const qint64 action : {qint64(3), qint64(-1), qint64(1) << 40}) {
+        Dispatch d;
+        d.store.setInteger(QStringLiteral("linkDevAction"), action);
+        apptest::WriteRecorder writes;
+        d.controller.doIt();
+        EXPECT_TRUE(d.idle()) << action;
+        EXPECT_TRUE(d.indeterminate()) << action;
+        EXPECT_EQ(d.text->text(), QString()) << action;
+        EXPECT_FALSE(d.controller.hasScheduledCommand()) << "nothing is scheduled for " << action;
+        EXPECT_EQ(writes.entries(), (QStringList{QStringLiteral("appInactive=false"), QStringLiteral("appInactive=true")}))
+            << action;
+        EXPECT_EQ(Defaults::standard().objectForKey(QStringLiteral("linkDevAction")).toLongLong(), action)
+            << "the choice itself is left alone";
+    }
+}
+
+TEST_F(AppTest, RunButtonStartsTheChosenCommandWithADevice)
+{
+    Dispatch d;
+    auto device = Testbed::instance().attachNewDevice(QStringLiteral("Tamber"));
+    ASSERT_TRUE(testsupport::runUntil([&] { return d.store.boolForKey(QStringLiteral("connected")); }));
+    QPushButton* run = d.interface.mainWindow().runButton();
+    ASSERT_TRUE(run->isEnabled());
+    d.store.setInteger(QStringLiteral("linkDevAction"), 2);
+    run->click();
+    EXPECT_FALSE(run->isEnabled());
+    EXPECT_TRUE(d.controller.hasScheduledCommand());
+    ASSERT_TRUE(testsupport::runUntil([&] { return d.idle(); }));
+    EXPECT_TRUE(run->isEnabled());
+    EXPECT_EQ(d.text->text(), QStringLiteral("Checking Status..."));
+}
