@@ -236,3 +236,14 @@ TEST_F(LockdownSession, TwoThreadsNeverStartOrStopItTwice)
     EXPECT_EQ(device->count("connect"), device->count("disconnect"));
     EXPECT_EQ(device->count("connect"), device->count("start-session"));
 }
+
+TEST_F(LockdownSession, ClearWeakReferenceForgetsOnlyItsOwnDevice)
+{
+    HLLockdownSession session(dev.get());
+    int other = 0;
+    session.clearWeakReference(&other);
+    EXPECT_EQ(session.linkdev(), dev.get());
+    session.clearWeakReference(dev.get());
+    EXPECT_EQ(session.linkdev(), nullptr);
+    EXPECT_EQ(session.sessionOpenCount(), 0);
+}
