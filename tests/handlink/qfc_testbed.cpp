@@ -10,6 +10,12 @@
 #include "handlink/emulator/Emulator.h"
 #include "support/TestSupport.h"
 
+#if defined(__SANITIZE_THREAD__)
+// The lock tests start `flock` and `handlinkctl` with QProcess, which forks this threaded
+// process and execs at once; ThreadSanitizer would otherwise stop at the fork.
+extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+#endif
+
 namespace qfctest {
 
 namespace {
