@@ -32,6 +32,9 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    // Sockets are written with MSG_NOSIGNAL; this covers standard output read by a pipe that
+    // closes early, so the daemon outlives whoever watched its lines.
+    std::signal(SIGPIPE, SIG_IGN);
 
     QCoreApplication app(argc, argv);
     QString socketPath = handlink::client::daemonSocketPath();

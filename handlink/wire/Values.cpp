@@ -14,7 +14,8 @@ QCborValue toCbor(const QVariant& value) {
     if (!value.isValid()) return QCborValue(QCborSimpleType::Undefined);
     if (value.userType() == qMetaTypeId<platform::OrderedDict>()) {
         QCborMap map;
-        for (const auto& item : value.value<platform::OrderedDict>().items()) map.insert(item.first, toCbor(item.second));
+        const platform::OrderedDict dict = value.value<platform::OrderedDict>();  // items() refers into it
+        for (const auto& item : dict.items()) map.insert(item.first, toCbor(item.second));
         return map;
     }
     switch (value.typeId()) {
