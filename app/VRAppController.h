@@ -23,13 +23,19 @@
 #include "app/AlertPresenter.h"
 #include "device/LinkDev.h"
 #include "platform/ErrorRecord.h"
+#include "retrieval/CheckStatus.h"
 #include "status/HLTaskStatus.h"
+#include "sync/SimulateSyncCommand.h"
 
 namespace platform {
 class Defaults;
 }
 
-class VRAppController : public QObject, public LinkDevObserver, public HLTaskStatusDelegate {
+class VRAppController : public QObject,
+                        public LinkDevObserver,
+                        public HLTaskStatusDelegate,
+                        public CheckStatusHost,
+                        public SimulateSyncHost {
     Q_OBJECT
 public:
     // The controls and windows the controller works with; the interface loader hands them
@@ -83,6 +89,14 @@ public:
     void _syncSimulateDone();
     void updateSyncInfoText(const QString& text);
 
+    // ---- what the commands ask of the controller (main thread) ----
+    void setCheckStatusText(const QString& text) override;
+    void checkStatusDone() override { _checkStatusDone(); }
+    std::shared_ptr<LinkDev> simulateSyncDevice() override { return device(); }
+    platform::Defaults& simulateSyncDefaults() override { return _defaults; }
+    void showSyncStatusText() override;
+    void setSyncStatusText(const QString& text) override;
+
     // ---- progress and errors ----
     // Worker thread: in the transfer phase, shows the status on the main thread and waits.
     void taskStatusDidChange(HLTaskStatus* status) override;
@@ -121,10 +135,9 @@ private:
     void _setStatusText(const QString& text);
     int _runAlert(const Alert& alert);
 
-    // Command bodies. Get Files and Simulate Sync run theirs on a worker thread.
+    // Command bodies: Get Files runs on a worker thread, Check Status on the main thread.
     void _blockingGetFiles();
     void _blockingCheckStatus();
-    void _blockingSimulateSync();
     void _updateDebugSettingsUI();
 
     platform::Defaults& _defaults;
@@ -146,6 +159,9 @@ private:
     QPointer<QWidget> _mainWindow;
     QPointer<QWidget> _settingsWindow;
 
+    // Runs Simulate Sync; lives as long as the controller (a pending simulation keeps it as
+    // its delegate, and the controller lives for the process).
+    SimulateSyncCommand _simulateSyncCommand{*this};
     AlertPresenter* _alertPresenter = nullptr;
     QTimer _commandTimer;  // the delayed start of the chosen command
     Command _scheduledCommand = nullptr;

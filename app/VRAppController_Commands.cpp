@@ -2,8 +2,9 @@
 //
 // Each command marks its own state, runs its body (on a worker thread for Get Files and
 // Simulate Sync, on the main thread for Check Status) and hands back to its completion method,
-// which returns the window to idle. The bodies are where the retrieval, sync and settings
-// subsystems plug in; until they do, a body only hands back.
+// which returns the window to idle. Check Status and Simulate Sync live in the retrieval and
+// sync subsystems; the controller is their host. Get Files and the debug settings plug in
+// the same way; until they do, Get Files only hands back.
 #include <QLabel>
 #include <thread>
 
@@ -44,8 +45,13 @@ void VRAppController::checkStatus()
 
 void VRAppController::_blockingCheckStatus()
 {
-    // Main thread. The lock probe belongs to the retrieval subsystem.
-    _checkStatusDone();
+    checkstatus::_blockingCheckStatus(device(), *this);
+}
+
+void VRAppController::setCheckStatusText(const QString& text)
+{
+    if (_checkStatusField)
+        _checkStatusField->setText(text);
 }
 
 void VRAppController::_checkStatusDone()
@@ -57,28 +63,29 @@ void VRAppController::_checkStatusDone()
 
 void VRAppController::simulateSync()
 {
-    _defaults.setBool(QStringLiteral("activeLinkDevActionSyncing"), true);
-    if (_opStatusText)
-        _opStatusText->show();
-    std::thread([this] { _blockingSimulateSync(); }).detach();
-}
-
-void VRAppController::_blockingSimulateSync()
-{
-    // Worker thread. The simulated sync belongs to the sync subsystem.
-    platform::mainthread::post([this] { _syncSimulateDone(); });
+    _simulateSyncCommand.simulateSync();
 }
 
 void VRAppController::updateSyncInfoText(const QString& text)
 {
-    if (_opStatusText)
-        _opStatusText->setText(text);
+    _simulateSyncCommand.updateSyncInfoText(text);
 }
 
 void VRAppController::_syncSimulateDone()
 {
-    _defaults.setBool(QStringLiteral("activeLinkDevActionSyncing"), false);
-    _defaults.setBool(QStringLiteral("appInactive"), true);
+    _simulateSyncCommand._syncSimulateDone();
+}
+
+void VRAppController::showSyncStatusText()
+{
+    if (_opStatusText)
+        _opStatusText->show();
+}
+
+void VRAppController::setSyncStatusText(const QString& text)
+{
+    if (_opStatusText)
+        _opStatusText->setText(text);
 }
 
 // ---- Debug settings ----

@@ -1,5 +1,6 @@
 // doIt: the delayed start of each command by "linkDevAction", and the return to idle.
 #include <QLabel>
+#include <QLineEdit>
 #include <QProgressBar>
 #include <QPushButton>
 
@@ -69,6 +70,10 @@ TEST_F(AppTest, GetFilesStartsAfterTheDelayAndReturnsToIdle)
 TEST_F(AppTest, SimulateSyncStartsAfterTheDelayAndReturnsToIdle)
 {
     Dispatch d;
+    // With a device the simulation runs to its end inside the command (without one it would
+    // stay pending beyond this test).
+    auto device = Testbed::instance().attachNewDevice(QStringLiteral("Tamber"));
+    ASSERT_TRUE(testsupport::runUntil([&] { return d.store.boolForKey(QStringLiteral("connected")); }));
     apptest::WriteRecorder writes;
     d.text->hide();
     startAndExpectBusy(d, 1);
@@ -81,6 +86,8 @@ TEST_F(AppTest, SimulateSyncStartsAfterTheDelayAndReturnsToIdle)
                                              QStringLiteral("activeLinkDevActionSyncing=false"),
                                              QStringLiteral("appInactive=true")}));
     EXPECT_TRUE(d.text->isVisible()) << "the status line is shown for the simulator's texts";
+    EXPECT_EQ(d.text->text(), QStringLiteral("Done."));
+    EXPECT_EQ(device->postCount(QStringLiteral("com.corvid.lumen-linkdev.syncDidFinish")), 1);
 
     d.controller.updateSyncInfoText(QStringLiteral("waiting to acquire lock...."));
     EXPECT_EQ(d.text->text(), QStringLiteral("waiting to acquire lock...."));
@@ -99,6 +106,8 @@ TEST_F(AppTest, CheckStatusShowsItsTextAndReturnsToIdle)
     EXPECT_TRUE(d.text->isVisible());
     EXPECT_FALSE(writes.keys().contains(QStringLiteral("activeLinkDevActionGetFiles")));
     EXPECT_FALSE(writes.keys().contains(QStringLiteral("activeLinkDevActionSyncing")));
+    // No device object at all: every request counts as acquired.
+    EXPECT_EQ(d.interface.mainWindow().checkStatusField()->text(), QStringLiteral("No one is holding the lock file."));
 }
 
 TEST_F(AppTest, UnknownActionsReturnToIdleAtOnce)
@@ -119,18 +128,37 @@ TEST_F(AppTest, UnknownActionsReturnToIdleAtOnce)
     }
 }
 
-TEST_F(AppTest, RunButtonStartsTheChosenCommandWithADevice)
+TEST_F(AppTest, RunButtonChecksWhoHoldsTheSyncLock)
 {
     Dispatch d;
     auto device = Testbed::instance().attachNewDevice(QStringLiteral("Tamber"));
     ASSERT_TRUE(testsupport::runUntil([&] { return d.store.boolForKey(QStringLiteral("connected")); }));
     QPushButton* run = d.interface.mainWindow().runButton();
+    QLineEdit* answer = d.interface.mainWindow().checkStatusField();
     ASSERT_TRUE(run->isEnabled());
     d.store.setInteger(QStringLiteral("linkDevAction"), 2);
-    run->click();
-    EXPECT_FALSE(run->isEnabled());
-    EXPECT_TRUE(d.controller.hasScheduledCommand());
-    ASSERT_TRUE(testsupport::runUntil([&] { return d.idle(); }));
-    EXPECT_TRUE(run->isEnabled());
-    EXPECT_EQ(d.text->text(), QStringLiteral("Checking Status..."));
+
+    auto check = [&] {
+        run->click();
+        EXPECT_FALSE(run->isEnabled());
+        EXPECT_TRUE(d.controller.hasScheduledCommand());
+        EXPECT_TRUE(testsupport::runUntil([&] { return d.idle(); }));
+        EXPECT_TRUE(run->isEnabled());
+        EXPECT_EQ(d.text->text(), QStringLiteral("Checking Status..."));
+        return answer->text();
+    };
+    EXPECT_EQ(check(), QStringLiteral("No one is holding the lock file."));
+
+    handlink::emu::HoldLockOptions shared;
+    shared.exclusive = false;
+    auto holder = device->holdLock(QStringLiteral("com.corvid.lumen.lock_sync"), shared);
+    ASSERT_TRUE(holder);
+    EXPECT_EQ(check(), QStringLiteral("Zephyr is likely holding the lock file."));
+    holder->release();
+
+    handlink::emu::HoldLockOptions exclusive;
+    holder = device->holdLock(QStringLiteral("com.corvid.lumen.lock_sync"), exclusive);
+    ASSERT_TRUE(holder);
+    EXPECT_EQ(check(), QStringLiteral("Lumen is likely holding the lock file."));
+    holder->release();
 }
