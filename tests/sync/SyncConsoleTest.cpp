@@ -1,6 +1,7 @@
 // The simulator's console mode: prompts on standard output, lines from standard input, and
 // leaving the process when done.
 #include <QFile>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <stdio_ext.h>
@@ -147,6 +148,9 @@ protected:
         });
         if (failWillStart)
             device->addFault(handlink::emu::Fault{QStringLiteral("post-notification"), kHLDUndefinedError, 1, 0, kWillStart});
+        // The in-process emulator's threads end with the process: stopped (and joined) on the
+        // way out, as handlinkd would see the connection go away.
+        std::atexit([] { Testbed::instance().emulator().stop(); });
         auto simulator = SyncSimulator::create(dev, 0.0f, false, false, true);
         simulator->runSimulationForFirstAttachedDevice();
         fprintf(stderr, "still running\n");

@@ -34,6 +34,7 @@ protected:
     {
         auto simulator = SyncSimulator::create(dev, duration, false, hsNotifications, false);
         simulator->setDelegate(&recorder);
+        simulator->setTimeout(20.0);  // a lock left held fails the test instead of hanging it
         return simulator;
     }
     // Runs with counting actions; sync also calls duringSync.
@@ -236,8 +237,9 @@ TEST_F(SyncSimulatorTest, DelegateAndTimeout)
         bool respondsToSyncSimulatorStatusUpdate() const override { return false; }
         int calls = 0;
     } mute;
-    auto simulator = makeSimulator();
+    auto simulator = SyncSimulator::create(dev, 0.0f, false, false, false);
     EXPECT_DOUBLE_EQ(simulator->timeout(), 100000000.0);
+    simulator->setDelegate(&recorder);
     simulator->setTimeout(10.0);
     EXPECT_DOUBLE_EQ(simulator->timeout(), 10.0);
 
