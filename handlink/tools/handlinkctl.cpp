@@ -68,8 +68,9 @@ int makeDeviceCommand(Context& context) {
     options.files = static_cast<int>(files);
     options.seed = static_cast<uint32_t>(seed);
     QString error;
-    if (!emu::makeDevice(args.positional()[0], options, &error)) return fail(error);
-    printLine(QStringLiteral("made device %1").arg(args.positional()[0]));
+    const QString folder = QFileInfo(args.positional()[0]).absoluteFilePath();
+    if (!emu::makeDevice(folder, options, &error)) return fail(error);
+    printLine(QStringLiteral("made device %1").arg(folder));
     return 0;
 }
 
