@@ -8,7 +8,7 @@
 namespace {
 
 HLDStatus exchange(int socket, const QCborMap& message) {
-    if (socket < 0) return kHLDInvalidArgumentError;
+    if (!handlink::wire::isStreamSocket(socket)) return kHLDInvalidArgumentError;
     std::lock_guard lock(handlink::client::lockForDescriptor(socket));
     QCborMap answer;
     if (!handlink::wire::exchange(socket, message, &answer)) return kHLDNotConnectedError;

@@ -100,7 +100,7 @@ HLDStatus QFCConnectionOpen(int socket, uint32_t options, QFCConnectionRef* outC
     (void)options;
     if (!outConnection) return kQFCInvalidArgumentError;
     *outConnection = nullptr;
-    if (socket < 0) return kQFCInvalidArgumentError;
+    if (!handlink::wire::isStreamSocket(socket)) return kQFCInvalidArgumentError;
     auto* connection = new QFCConnection(socket);
     QCborMap request, answer;
     request.insert(QStringLiteral("op"), QStringLiteral("connect"));

@@ -148,6 +148,12 @@ ReadResult decodePayload(const QByteArray& payload, QCborMap* out) {
     return ReadResult::Ok;
 }
 
+bool isStreamSocket(int fd) {
+    int type = 0;
+    socklen_t length = sizeof(type);
+    return fd >= 0 && ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
+}
+
 bool writeFrame(int fd, const QCborMap& map) {
     const QByteArray frame = encodeFrame(map);
     return sendAll(fd, frame.constData(), static_cast<size_t>(frame.size()));

@@ -42,6 +42,11 @@ QByteArray encodeFrame(const QCborMap& map);
 // Decodes a payload (without its header): Ok, NotCbor or NotMap.
 ReadResult decodePayload(const QByteArray& payload, QCborMap* out);
 
+// True when fd is an open stream socket. The library checks descriptors that callers hand in
+// (service sockets) with it, so a closed or foreign descriptor (0 after a close, a terminal, a
+// file) is refused instead of written to.
+bool isStreamSocket(int fd);
+
 bool writeFrame(int fd, const QCborMap& map);
 // A frame followed at once by raw bytes, in one system call where the kernel allows. The map
 // is expected to announce the byte count (docs/protocol.md uses "length").

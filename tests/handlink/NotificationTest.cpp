@@ -174,3 +174,26 @@ TEST_F(Notifications, ADelayedPostEndsPromptlyWhenTheDeviceDetaches) {
     EXPECT_EQ(status.load(), kHLDNotConnectedError);
     EXPECT_TRUE(device->postedNotifications().isEmpty());
 }
+
+namespace {
+
+// A descriptor that is not a service socket (0 after a close, a pipe, a file) is refused
+// before a byte is written, so a stale number never talks to standard input or a file.
+TEST(ServiceDescriptors, NonSocketsAreRefusedWithoutWriting) {
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    EXPECT_EQ(HLDPostNotification(fds[1], QStringLiteral("com.corvid.test"), nullptr), kHLDInvalidArgumentError);
+    EXPECT_EQ(HLDShutdownNotificationProxy(fds[1]), kHLDInvalidArgumentError);
+    QFCConnectionRef connection = nullptr;
+    EXPECT_EQ(QFCConnectionOpen(fds[1], 0, &connection), kQFCInvalidArgumentError);
+    EXPECT_EQ(connection, nullptr);
+    ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
+    char byte;
+    EXPECT_EQ(::read(fds[0], &byte, 1), -1);  // nothing was written
+    EXPECT_EQ(errno, EAGAIN);
+    ::close(fds[0]);
+    ::close(fds[1]);
+    EXPECT_EQ(HLDPostNotification(-1, QStringLiteral("x"), nullptr), kHLDInvalidArgumentError);
+}
+
+}  // namespace
