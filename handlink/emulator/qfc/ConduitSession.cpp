@@ -1,6 +1,7 @@
 #include "handlink/emulator/qfc/ConduitSession.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 
 #include <QCborArray>
 #include <QCborValue>
@@ -34,6 +35,10 @@ const ConduitSession::Request ConduitSession::kRequests[] = {
 ConduitSession::ConduitSession(int fd, std::shared_ptr<DeviceState> device, const std::atomic<bool>& stopping)
     : _fd(fd), _device(std::move(device)), _stopping(stopping) {
     _root.reset(::open(_device->mediaRoot().toLocal8Bit().constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    // Room for a whole read answer in the socket: a chunk goes out in one sendfile call
+    // instead of in turns with the reader (the kernel caps it at net.core.wmem_max).
+    const int sendBuffer = 2 * 1024 * 1024;
+    ::setsockopt(_fd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
     // Read once per connection, like the rest of the device's file system.
     if (const auto plist = platform::plist::readFile(folder::plistPath(_device->folder()))) {
         const QVariant birthTimes = plist->toMap().value(folder::kEmulation).toMap().value(QStringLiteral("BirthTimes"));
