@@ -70,8 +70,8 @@ TEST_F(PathsTest, EveryEscapeIsRefusedWithPermission) {
         EXPECT_EQ(QFCDirectoryOpen(conduit.connection, path, &dir), kQFCPermissionError);
     }
     // Information and removal do not follow a final link: the link itself is inside.
-    for (const char* path : {"..", "../x", "a/../../x", "etc-link/passwd", "secrets-abs/new-file",
-                             "a/secrets-rel/new-file", "a/b/../../../outside/secret.txt"}) {
+    for (const char* path : {"..", "../x", "a/../../x", "etc-link/passwd", "secrets-abs/new-file", "secrets-abs/keep.txt",
+                             "a/secrets-rel/new-file", "a/secrets-rel/keep.txt", "a/b/../../../outside/secret.txt"}) {
         SCOPED_TRACE(path);
         HLDStatus status = 0;
         infoPairs(conduit.connection, path, &status);
@@ -80,6 +80,7 @@ TEST_F(PathsTest, EveryEscapeIsRefusedWithPermission) {
     }
     expectOutsideUntouched();
     EXPECT_EQ(::access(outside("secrets/new-file").c_str(), F_OK), -1);
+    EXPECT_EQ(::access(outside("secrets/keep.txt").c_str(), F_OK), 0);
 }
 
 TEST_F(PathsTest, AnAbsolutePathIsInsideMediaAndSoNotFound) {

@@ -120,6 +120,9 @@ void ConduitTest::SetUpTestSuite() {
     QFile secret(g_root->filePath(QStringLiteral("outside/secret.txt")));
     ASSERT_TRUE(secret.open(QIODevice::WriteOnly));
     secret.write("do not touch\n");
+    QFile kept(g_root->filePath(QStringLiteral("outside/secrets/keep.txt")));
+    ASSERT_TRUE(kept.open(QIODevice::WriteOnly));
+    kept.write("keep me\n");
 }
 
 void ConduitTest::TearDownTestSuite() {}
