@@ -6,6 +6,7 @@
 // sync subsystems; the controller is their host. Get Files and the debug settings plug in
 // the same way; until they do, Get Files only hands back.
 #include <QLabel>
+#include <QTabWidget>
 #include <thread>
 
 #include "app/VRAppController.h"
@@ -50,8 +51,15 @@ void VRAppController::_blockingCheckStatus()
 
 void VRAppController::setCheckStatusText(const QString& text)
 {
-    if (_checkStatusField)
-        _checkStatusField->setText(text);
+    if (!_checkStatusField)
+        return;
+    _checkStatusField->setText(text);
+    // Bring the answer's tab forward, so the answer is seen.
+    if (_tabView) {
+        for (int index = 0; index < _tabView->count(); ++index)
+            if (_tabView->widget(index)->isAncestorOf(_checkStatusField))
+                _tabView->setCurrentIndex(index);
+    }
 }
 
 void VRAppController::_checkStatusDone()

@@ -3,6 +3,7 @@
 #include <QLineEdit>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QTabWidget>
 
 #include "AppTestbed.h"
 #include "app/AppInterface.h"
@@ -138,13 +139,16 @@ TEST_F(AppTest, RunButtonChecksWhoHoldsTheSyncLock)
     ASSERT_TRUE(run->isEnabled());
     d.store.setInteger(QStringLiteral("linkDevAction"), 2);
 
+    QTabWidget* tabs = d.interface.mainWindow().tabView();
     auto check = [&] {
+        tabs->setCurrentIndex(1);
         run->click();
         EXPECT_FALSE(run->isEnabled());
         EXPECT_TRUE(d.controller.hasScheduledCommand());
         EXPECT_TRUE(testsupport::runUntil([&] { return d.idle(); }));
         EXPECT_TRUE(run->isEnabled());
         EXPECT_EQ(d.text->text(), QStringLiteral("Checking Status..."));
+        EXPECT_TRUE(tabs->currentWidget()->isAncestorOf(answer)) << "the answer's tab comes forward";
         return answer->text();
     };
     EXPECT_EQ(check(), QStringLiteral("No one is holding the lock file."));

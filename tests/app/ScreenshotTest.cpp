@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QImage>
 #include <QLabel>
+#include <QLineEdit>
 #include <QPixmap>
 #include <QPushButton>
 
@@ -68,6 +69,13 @@ TEST_F(AppTest, ScreenshotsWithAndWithoutDevice)
     const QImage withDevice = saveShot(main, QStringLiteral("main-window-device.png"));
     EXPECT_TRUE(hasContent(withDevice));
     EXPECT_EQ(withDevice.size(), main.size() * main.devicePixelRatio());
+
+    // After a Check Status run.
+    store.setInteger(QStringLiteral("linkDevAction"), 2);
+    interface.controller().doIt();
+    ASSERT_TRUE(testsupport::runUntil([&] { return store.boolForKey(QStringLiteral("appInactive")); }));
+    EXPECT_EQ(main.checkStatusField()->text(), QStringLiteral("No one is holding the lock file."));
+    saveShot(main, QStringLiteral("main-window-check-status.png"));
 
     // Busy, in the transfer pass, driven the way a job drives it.
     store.setBool(QStringLiteral("appInactive"), false);
