@@ -18,6 +18,10 @@ int main(int argc, char** argv)
         interface->show();
     });
     const int status = QApplication::exec();
+    // A command still running uses the controller from its worker thread: then the controller
+    // stays until the process ends. Otherwise it is torn down (and stops observing devices).
+    if (interface && !platform::Defaults::standard().boolForKey(QStringLiteral("appInactive")))
+        (void)interface.release();
     interface.reset();
     return status;
 }
