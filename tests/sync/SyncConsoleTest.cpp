@@ -149,8 +149,8 @@ protected:
         if (failWillStart)
             device->addFault(handlink::emu::Fault{QStringLiteral("post-notification"), kHLDUndefinedError, 1, 0, kWillStart});
         // The in-process emulator's threads end with the process: stopped (and joined) on the
-        // way out, as handlinkd would see the connection go away.
-        std::atexit([] { Testbed::instance().emulator().stop(); });
+        // way out, and its temporary folder removed.
+        std::atexit([] { Testbed::destroyInstance(); });
         auto simulator = SyncSimulator::create(dev, 0.0f, false, false, true);
         simulator->runSimulationForFirstAttachedDevice();
         fprintf(stderr, "still running\n");

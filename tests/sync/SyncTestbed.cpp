@@ -27,8 +27,7 @@ public:
     void TearDown() override
     {
         LinkDev::unregisterDeviceObserver(&_observer);
-        delete g_testbed;
-        g_testbed = nullptr;
+        Testbed::destroyInstance();
     }
 
 private:
@@ -49,6 +48,12 @@ Testbed& Testbed::instance()
 {
     (void)g_installed;
     return *g_testbed;
+}
+
+void Testbed::destroyInstance()
+{
+    delete g_testbed;
+    g_testbed = nullptr;
 }
 
 Testbed::Testbed()

@@ -29,6 +29,9 @@ public:
     // Made by the test environment before the first test (emulator started, registry
     // subscribed from the main thread), stopped after the last.
     static Testbed& instance();
+    // Stops the emulator and removes the temporary folder (the environment's tear-down, or the
+    // way out of a child process that leaves with exit()).
+    static void destroyInstance();
     Testbed();
     ~Testbed();
 
