@@ -36,6 +36,17 @@ LinkDev* HLLockdownSession::linkdev() const
     return _linkdev;
 }
 
+QString HLLockdownSession::description() const
+{
+    return QStringLiteral("<HLLockdownSession: 0x%1>").arg(QString::number(reinterpret_cast<quintptr>(this), 16));
+}
+
+// An assertion failure's method text: the method, then the object it was called on.
+QString HLLockdownSession::assertionMethod(const QString& method) const
+{
+    return QStringLiteral("-[HLLockdownSession %1] %2").arg(method, description());
+}
+
 intptr_t HLLockdownSession::sessionOpenCount() const
 {
     std::lock_guard guard(_lock);
@@ -74,8 +85,8 @@ bool HLLockdownSession::_nts_ensurePaired()
 
 bool HLLockdownSession::_nts_lockdownSessionStart()
 {
-    VR_ASSERT(_sessionOpenCount == 0, QStringLiteral("HLLockdownSession::_nts_lockdownSessionStart"), kSourceFile,
-              86, QStringLiteral("expected _sessionOpenCount to be == 0."));
+    VR_ASSERT(_sessionOpenCount == 0, assertionMethod(QStringLiteral("_nts_lockdownSessionStart")), kSourceFile, 86,
+              QStringLiteral("expected _sessionOpenCount to be == 0."));
     HLDeviceRef device = deviceRef();
     HLDStatus status = HLDeviceConnect(device);
     if (status != 0) {
@@ -98,8 +109,8 @@ bool HLLockdownSession::_nts_lockdownSessionStart()
 
 bool HLLockdownSession::_nts_lockdownSessionStop()
 {
-    VR_ASSERT(_sessionOpenCount == 1, QStringLiteral("HLLockdownSession::_nts_lockdownSessionStop"), kSourceFile,
-              115, QStringLiteral("expected _sessionOpenCount to be > 0."));
+    VR_ASSERT(_sessionOpenCount == 1, assertionMethod(QStringLiteral("_nts_lockdownSessionStop")), kSourceFile, 115,
+              QStringLiteral("expected _sessionOpenCount to be > 0."));
     HLDeviceRef device = deviceRef();
     HLDStatus status = HLDeviceStopSession(device);
     if (status != 0) {

@@ -6,6 +6,7 @@
 // recursive lock for their whole run, library calls included, so two threads never start or
 // stop the same session twice. The _nts_ methods take no lock: call them with it held.
 // The device is referred to without being owned; the device clears it when it goes away.
+#include <QString>
 #include <cstdint>
 #include <mutex>
 
@@ -36,9 +37,12 @@ public:
 
     LinkDev* linkdev() const;
     intptr_t sessionOpenCount() const;  // under the lock
+    // "<HLLockdownSession: 0x…>", for "%@" and assertion failures.
+    QString description() const;
 
 private:
     HLDeviceRef deviceRef() const;
+    QString assertionMethod(const QString& method) const;
 
     LinkDev* _linkdev;
     intptr_t _sessionOpenCount = 0;

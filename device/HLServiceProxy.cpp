@@ -9,13 +9,35 @@
 #include "platform/Describe.h"
 #include "platform/SystemLog.h"
 
-QString HLServiceProxy::serviceName()
+namespace {
+
+// The base class names no service: the failure names the method and the object it was asked
+// for.
+[[noreturn]] void subclassMustImplement(const QString& object)
 {
-    platform::assertionFailed(QStringLiteral("HLServiceProxy::serviceName"), QStringLiteral("Source/Tools/HLServiceProxy"),
-                              26, QStringLiteral("Subclass must implement"));
+    platform::assertionFailed(QStringLiteral("+[HLServiceProxy serviceName] %1").arg(object),
+                              QStringLiteral("Source/Tools/HLServiceProxy"), 26, QStringLiteral("Subclass must implement"));
 }
 
-HLServiceProxy::HLServiceProxy(std::shared_ptr<LinkDev> device) : HLServiceProxy(std::move(device), serviceName()) {}
+}  // namespace
+
+QString HLServiceProxy::serviceName()
+{
+    // Asked of the class itself, so the class is the object.
+    subclassMustImplement(QStringLiteral("HLServiceProxy"));
+}
+
+QString HLServiceProxy::serviceNameForBaseObject(const HLServiceProxy* object)
+{
+    // Only the address is used: the object is still being made.
+    subclassMustImplement(
+        QStringLiteral("<HLServiceProxy: 0x%1>").arg(QString::number(reinterpret_cast<quintptr>(object), 16)));
+}
+
+HLServiceProxy::HLServiceProxy(std::shared_ptr<LinkDev> device)
+    : HLServiceProxy(std::move(device), serviceNameForBaseObject(this))
+{
+}
 
 HLServiceProxy::HLServiceProxy(std::shared_ptr<LinkDev> device, const QString& serviceName)
     : _linkdev(std::move(device)), _serviceName(serviceName)

@@ -19,7 +19,8 @@ public:
     // The base class names no service: an assertion failure "Subclass must implement".
     static QString serviceName();
 
-    // initWithDevice: with the class's serviceName (so, for the base class, the assertion).
+    // initWithDevice: with the class's serviceName (so, for the base class, the assertion,
+    // naming the object being made).
     explicit HLServiceProxy(std::shared_ptr<LinkDev> device);
     virtual ~HLServiceProxy();
     HLServiceProxy(const HLServiceProxy&) = delete;
@@ -54,6 +55,9 @@ protected:
     HLServiceProxy(std::shared_ptr<LinkDev> device, const QString& serviceName);
 
 private:
+    // serviceName for a base-class object being made: the assertion failure, naming it.
+    [[noreturn]] static QString serviceNameForBaseObject(const HLServiceProxy* object);
+
     std::shared_ptr<LinkDev> _linkdev;
     QString _serviceName;
     std::atomic<int32_t> _serviceSock{0};

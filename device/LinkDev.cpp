@@ -26,8 +26,9 @@ LinkDev::~LinkDev()
     _qfcLockedFiles.reset();
     _lockdownSession->clearWeakReference(this);
     _lockdownSession.reset();
-    // Each service owns this device, so none can still point at it here; tell them anyway,
-    // as the services' own contract asks.
+    // Each service in the set owns this device, so any service still here has already let the
+    // device go; it is told to forget it all the same, so that no service can be left pointing
+    // at this object once it is destroyed.
     for (const auto& service : _activeServiceSessions) service->clearWeakReference(this);
     _activeFileCounduitService.reset();
     _notificationService.reset();

@@ -59,12 +59,13 @@ QVariant LinkDev::lockdownValueForKey(const QString& key, const QString& domain,
 
 void LinkDev::setLockdownBoolValue(bool value, const QString& key, const QString& domain)
 {
-    setLockdownValue(QVariant(value), key, domain);
+    // Flags are stored on the device as the integers 0 and 1, not as booleans.
+    setLockdownValue(QVariant(qint64(value ? 1 : 0)), key, domain);
 }
 
 bool LinkDev::lockdownBoolValueForKey(const QString& key, const QString& domain, bool defaultValue)
 {
-    return flagFromValue(lockdownValueForKey(key, domain, QVariant(defaultValue)));
+    return flagFromValue(lockdownValueForKey(key, domain, QVariant(qint64(defaultValue ? 1 : 0))));
 }
 
 bool LinkDev::postNotification(const QString& name)

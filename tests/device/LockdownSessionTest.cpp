@@ -38,15 +38,17 @@ TEST_F(LockdownSession, NestedBeginEndOpensAndClosesOnce)
     EXPECT_EQ(session->sessionOpenCount(), 0);
 
     EXPECT_EQ(device->count("connect"), 1);
+    EXPECT_EQ(device->count("is-paired"), 1);
     EXPECT_EQ(device->count("pair"), 1);  // a new device knows no host yet
     EXPECT_EQ(device->count("start-session"), 1);
     EXPECT_EQ(device->count("stop-session"), 1);
     EXPECT_EQ(device->count("disconnect"), 1);
 
-    // Paired now: the next session connects again but does not pair.
+    // Paired now: the next session connects again and checks the pairing, but does not pair.
     dev->beginLockdownSession();
     dev->endLockdownSession();
     EXPECT_EQ(device->count("connect"), 2);
+    EXPECT_EQ(device->count("is-paired"), 2);
     EXPECT_EQ(device->count("pair"), 1);
     EXPECT_EQ(device->count("disconnect"), 2);
 }
@@ -155,33 +157,47 @@ TEST_F(LockdownSession, DisconnectFailureKeepsTheCount)
                                        "'HLDeviceDisconnect()', hld_error = -402653183 (kHLDUndefinedError)."});
 }
 
-TEST_F(LockdownSession, CounterAssertionsNameFileLineAndText)
+TEST_F(LockdownSession, CounterAssertionsNameMethodObjectFileLineAndText)
 {
     HLLockdownSession* session = dev->lockdownSession();
-    try {
-        session->_nts_lockdownSessionStop();
-        ADD_FAILURE() << "no assertion failure";
-    } catch (const platform::AssertionFailure& failure) {
-        EXPECT_EQ(failure.file(), "Source/Tools/HLLockdownSession");
-        EXPECT_EQ(failure.line(), 115);
-        EXPECT_EQ(failure.message(), "expected _sessionOpenCount to be > 0.");
-        EXPECT_TRUE(failure.method().contains("_nts_lockdownSessionStop"));
+    const QString object = QStringLiteral("<HLLockdownSession: 0x%1>").arg(reinterpret_cast<quintptr>(session), 0, 16);
+    {
+        platform::LogCapture log;
+        try {
+            session->_nts_lockdownSessionStop();
+            ADD_FAILURE() << "no assertion failure";
+        } catch (const platform::AssertionFailure& failure) {
+            EXPECT_EQ(failure.method(), "-[HLLockdownSession _nts_lockdownSessionStop] " + object);
+            EXPECT_EQ(failure.file(), "Source/Tools/HLLockdownSession");
+            EXPECT_EQ(failure.line(), 115);
+            EXPECT_EQ(failure.message(), "expected _sessionOpenCount to be > 0.");
+        }
+        EXPECT_EQ(log.lines(), QStringList{"*** Assertion failure in -[HLLockdownSession _nts_lockdownSessionStop] " +
+                                           object + ", Source/Tools/HLLockdownSession:115: expected _sessionOpenCount to be > 0."});
     }
     EXPECT_EQ(device->count("stop-session"), 0);
 
     ASSERT_TRUE(session->beginSession());
-    try {
-        session->_nts_lockdownSessionStart();
-        ADD_FAILURE() << "no assertion failure";
-    } catch (const platform::AssertionFailure& failure) {
-        EXPECT_EQ(failure.file(), "Source/Tools/HLLockdownSession");
-        EXPECT_EQ(failure.line(), 86);
-        EXPECT_EQ(failure.message(), "expected _sessionOpenCount to be == 0.");
+    {
+        platform::LogCapture log;
+        try {
+            session->_nts_lockdownSessionStart();
+            ADD_FAILURE() << "no assertion failure";
+        } catch (const platform::AssertionFailure& failure) {
+            EXPECT_EQ(failure.method(), "-[HLLockdownSession _nts_lockdownSessionStart] " + object);
+            EXPECT_EQ(failure.file(), "Source/Tools/HLLockdownSession");
+            EXPECT_EQ(failure.line(), 86);
+            EXPECT_EQ(failure.message(), "expected _sessionOpenCount to be == 0.");
+            EXPECT_EQ(QString::fromStdString(failure.what()),
+                      "*** Assertion failure in -[HLLockdownSession _nts_lockdownSessionStart] " + object +
+                          ", Source/Tools/HLLockdownSession:86: expected _sessionOpenCount to be == 0.");
+        }
+        EXPECT_EQ(log.lines().size(), 1);
     }
     EXPECT_EQ(session->sessionOpenCount(), 1);
     EXPECT_EQ(device->count("connect"), 1);
 
-    // The count is 1 again after a begin and an end; a second begin count at 2 is not "exactly 1".
+    // The stop asserts a count of exactly 1: at 2 (a second begin) it fails and changes nothing.
     ASSERT_TRUE(session->beginSession());
     EXPECT_THROW(session->_nts_lockdownSessionStop(), platform::AssertionFailure);
     EXPECT_EQ(session->sessionOpenCount(), 2);
@@ -192,8 +208,9 @@ TEST_F(LockdownSession, CounterAssertionsNameFileLineAndText)
 TEST_F(LockdownSession, TwoThreadsNeverStartOrStopItTwice)
 {
     HLLockdownSession* session = dev->lockdownSession();
-    // A slow first start: the second thread begins while the first is still starting.
-    device->delay("start-session", 200, 1);
+    // The first start is held up on the device; the second thread is started only once the
+    // device has received that start, so its begin has to wait for the first one's lock.
+    device->delay("start-session", 300, 1);
     std::atomic<int> began{0};
     std::atomic<bool> mayEnd{false};
     std::atomic<int> failures{0};
@@ -204,7 +221,9 @@ TEST_F(LockdownSession, TwoThreadsNeverStartOrStopItTwice)
         session->endSession();
     };
     std::thread first(worker);
+    const bool firstStartArrived = devicetest::waitForCount(*device, "start-session", 1);
     std::thread second(worker);
+    EXPECT_TRUE(firstStartArrived);
     while (began < 2) QThread::yieldCurrentThread();
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(device->count("start-session"), 1);

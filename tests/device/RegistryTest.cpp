@@ -1,8 +1,11 @@
 // The device registry: subscription, the attached-device list, observers and events.
 // Runs in a binary of its own: the first test needs a process that has not subscribed yet.
+#include <QCoreApplication>
 #include <QThread>
 #include <gtest/gtest.h>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "DeviceTestbed.h"
 #include "platform/SystemLog.h"
@@ -33,6 +36,25 @@ public:
 
 private:
     LinkDevObserver* _victim;
+};
+
+// Notes the thread of every handlinkAvailabliltyDidChange it receives.
+class ThreadNotingObserver : public LinkDevObserver {
+public:
+    void handlinkAvailabliltyDidChange() override
+    {
+        std::lock_guard guard(_mutex);
+        _threads.push_back(QThread::currentThread());
+    }
+    std::vector<QThread*> threads() const
+    {
+        std::lock_guard guard(_mutex);
+        return _threads;
+    }
+
+private:
+    mutable std::mutex _mutex;  // guards _threads
+    std::vector<QThread*> _threads;
 };
 
 // Sends one event record to the library callback, the way the library does.
@@ -238,6 +260,21 @@ TEST(Registry, ObserverRegisteredFromAWorkerIsToldAtOnce)
     leaver.join();
     bed.detach(device);
     EXPECT_EQ(observer.calls, 1);
+}
+
+TEST(Registry, EventsReachObserversOnTheMainThread)
+{
+    Testbed& bed = Testbed::instance();
+    QThread* mainThread = QCoreApplication::instance()->thread();
+    ThreadNotingObserver observer;
+    LinkDev::registerDeviceObserver(&observer);
+    // The emulator attaches and detaches on threads of its own; the library hands the events
+    // to the subscribing thread's event loop, which the testbed runs while it waits.
+    auto device = bed.attachNewDevice();
+    ASSERT_TRUE(device);
+    bed.detach(device);
+    LinkDev::unregisterDeviceObserver(&observer);
+    EXPECT_EQ(observer.threads(), (std::vector<QThread*>{mainThread, mainThread}));
 }
 
 TEST(Registry, DeviceObjectsWrapARetainedReference)

@@ -1,5 +1,6 @@
 // Service connections: counted starts and stops, the hooks, sockets and failure paths.
 #include <gtest/gtest.h>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,6 +32,21 @@ ino_t inodeOf(int fd)
     return fstat(fd, &info) == 0 ? info.st_ino : 0;
 }
 
+// A file-conduit proxy that notes the service socket its start hook was given, so that a
+// test can tell afterwards whether that descriptor was closed.
+class SocketNotingConduitProxy : public HLFileConduitProxy {
+public:
+    using HLFileConduitProxy::HLFileConduitProxy;
+    bool serviceDidStart() override
+    {
+        startedSocket = serviceSocket();
+        startedInode = inodeOf(startedSocket);
+        return HLFileConduitProxy::serviceDidStart();
+    }
+    int startedSocket = 0;
+    ino_t startedInode = 0;
+};
+
 // A service without hooks of its own.
 class PlainServiceProxy : public HLServiceProxy {
 public:
@@ -49,14 +65,33 @@ TEST_F(ServiceProxy, ServiceNamesByClass)
     EXPECT_EQ(HLFileConduitProxy::serviceName(), "com.corvid.qfc");
     EXPECT_EQ(HLNotificationProxy::serviceName(), "com.corvid.mobile.notification_proxy");
     EXPECT_EQ(HLFileConduitProxy(dev).serviceNameOfInstance(), "com.corvid.qfc");
+
+    // Asked of the class, the failure names the class as its object.
     try {
-        HLServiceProxy base(dev);
+        HLServiceProxy::serviceName();
         ADD_FAILURE() << "the base class named a service";
     } catch (const platform::AssertionFailure& failure) {
+        EXPECT_EQ(failure.method(), "+[HLServiceProxy serviceName] HLServiceProxy");
         EXPECT_EQ(failure.file(), "Source/Tools/HLServiceProxy");
         EXPECT_EQ(failure.line(), 26);
         EXPECT_EQ(failure.message(), "Subclass must implement");
     }
+
+    // Making a base-class proxy fails naming the object being made, at its address.
+    alignas(HLServiceProxy) unsigned char storage[sizeof(HLServiceProxy)];
+    const QString object = QStringLiteral("<HLServiceProxy: 0x%1>").arg(reinterpret_cast<quintptr>(storage), 0, 16);
+    platform::LogCapture log;
+    try {
+        new (storage) HLServiceProxy(dev);
+        ADD_FAILURE() << "the base class named a service";
+    } catch (const platform::AssertionFailure& failure) {
+        EXPECT_EQ(failure.method(), "+[HLServiceProxy serviceName] " + object);
+        EXPECT_EQ(failure.file(), "Source/Tools/HLServiceProxy");
+        EXPECT_EQ(failure.line(), 26);
+        EXPECT_EQ(failure.message(), "Subclass must implement");
+    }
+    EXPECT_EQ(log.lines(), QStringList{"*** Assertion failure in +[HLServiceProxy serviceName] " + object +
+                                       ", Source/Tools/HLServiceProxy:26: Subclass must implement"});
 }
 
 TEST_F(ServiceProxy, NestedFileConduitSessionsStartOnceAndStopOnce)
@@ -110,13 +145,16 @@ TEST_F(ServiceProxy, ServiceOutlivesAnOuterLockdownSession)
 
 TEST_F(ServiceProxy, RefusedConnectionOpenClosesTheSocketAndIsRetried)
 {
-    auto proxy = std::make_shared<HLFileConduitProxy>(dev);
+    auto proxy = std::make_shared<SocketNotingConduitProxy>(dev);
     device->addFault(fault("qfc-connect", kQFCNoResourcesError));
     platform::LogCapture log;
     EXPECT_FALSE(proxy->beginSession());
     EXPECT_EQ(log.lines(), QStringList{"ERROR: Could not open QFC connection, error = HLDError: 'QFCConnectionOpen()', "
                                        "hld_error = 3 (kQFCNoResourcesError)."});
     EXPECT_EQ(proxy->serviceSocket(), 0);
+    EXPECT_GT(proxy->startedSocket, 0);
+    EXPECT_NE(proxy->startedInode, 0u);
+    EXPECT_NE(inodeOf(proxy->startedSocket), proxy->startedInode);  // the refused socket was closed
     EXPECT_EQ(proxy->sessionConnectionOpenCount(), 0);
     EXPECT_EQ(device->count("stop-session"), 1);  // the lockdown session was ended all the same
 

@@ -1,7 +1,10 @@
 // Device values, the change notification, the device name and notification posting.
 #include <QDateTime>
+#include <QThread>
 #include <QTimeZone>
 #include <gtest/gtest.h>
+#include <mutex>
+#include <thread>
 
 #include "DeviceTestbed.h"
 #include "device/HLLockdownSession.h"
@@ -30,6 +33,21 @@ public:
 private:
     QObject _owner;
 };
+
+bool isIntegerValue(const QVariant& value)
+{
+    switch (value.typeId()) {
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::Long:
+    case QMetaType::ULong:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+        return true;
+    default:
+        return false;
+    }
+}
 
 }  // namespace
 
@@ -159,13 +177,21 @@ TEST_F(DeviceValues, MissingValuesAnswerTheDefault)
 TEST_F(DeviceValues, FlagsAreWrittenAsOneAndZero)
 {
     ChangeRecorder changes;
+    platform::LogCapture log;
     dev->setLockdownBoolValue(true, "syncDebug.enabled_v2", kDomain);
-    EXPECT_EQ(device->value(kDomain, "syncDebug.enabled_v2").toInt(), 1);
+    const QVariant on = device->value(kDomain, "syncDebug.enabled_v2");
+    EXPECT_TRUE(isIntegerValue(on)) << on.typeName();
+    EXPECT_EQ(on.toLongLong(), 1);
     EXPECT_TRUE(dev->lockdownBoolValueForKey("syncDebug.enabled_v2", kDomain, false));
     dev->setLockdownBoolValue(false, "syncDebug.enabled_v2", kDomain);
-    EXPECT_EQ(device->value(kDomain, "syncDebug.enabled_v2").toInt(), 0);
+    const QVariant off = device->value(kDomain, "syncDebug.enabled_v2");
+    EXPECT_TRUE(isIntegerValue(off)) << off.typeName();
+    EXPECT_EQ(off.toLongLong(), 0);
     EXPECT_FALSE(dev->lockdownBoolValueForKey("syncDebug.enabled_v2", kDomain, true));
     EXPECT_EQ(changes.notifications.size(), 2u);
+    EXPECT_EQ(log.linesStartingWith("setting lockdown value"),
+              (QStringList{"setting lockdown value domain=com.corvid.mobiletamber, key=syncDebug.enabled_v2, value=1",
+                           "setting lockdown value domain=com.corvid.mobiletamber, key=syncDebug.enabled_v2, value=0"}));
 
     // Missing: the default. Numbers: true unless 0.
     EXPECT_TRUE(dev->lockdownBoolValueForKey("missing.flag", kDomain, true));
@@ -174,6 +200,51 @@ TEST_F(DeviceValues, FlagsAreWrittenAsOneAndZero)
     EXPECT_TRUE(dev->lockdownBoolValueForKey("number.flag", kDomain, false));
     dev->setLockdownValue(qint64(0), "number.flag", kDomain);
     EXPECT_FALSE(dev->lockdownBoolValueForKey("number.flag", kDomain, true));
+
+    // A flag that something else stored as a property-list boolean reads the same way.
+    dev->setLockdownValue(true, "boolean.flag", kDomain);
+    EXPECT_EQ(device->value(kDomain, "boolean.flag").typeId(), QMetaType::Bool);
+    EXPECT_TRUE(dev->lockdownBoolValueForKey("boolean.flag", kDomain, false));
+    dev->setLockdownValue(false, "boolean.flag", kDomain);
+    EXPECT_FALSE(dev->lockdownBoolValueForKey("boolean.flag", kDomain, true));
+}
+
+TEST_F(DeviceValues, ChangeIsAnnouncedOnTheSettingThreadWhileTheSessionIsOpen)
+{
+    // What the observer saw while it ran: the thread, the session count of the device object
+    // and how many sessions the device had stopped by then.
+    struct Seen {
+        QThread* thread = nullptr;
+        intptr_t sessionOpenCount = -1;
+        int stopsOnDevice = -1;
+    };
+    std::mutex mutex;
+    std::vector<Seen> seen;
+    QObject owner;
+    platform::NotificationCenter::defaultCenter().addObserver(
+        &owner, LinkDevLockdownValueDidChange, dev.get(), [&](const platform::Notification&) {
+            std::lock_guard guard(mutex);
+            seen.push_back({QThread::currentThread(), dev->lockdownSession()->sessionOpenCount(),
+                            device->count("stop-session")});
+        });
+
+    dev->setLockdownValue(QStringLiteral("main"), QStringLiteral("announce.key"), kDomain);
+    QThread* workerThread = nullptr;
+    std::thread worker([&] {
+        workerThread = QThread::currentThread();
+        dev->setLockdownValue(QStringLiteral("worker"), QStringLiteral("announce.key"), kDomain);
+    });
+    worker.join();
+    platform::NotificationCenter::defaultCenter().removeObserver(&owner);
+
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0].thread, QThread::currentThread());
+    EXPECT_EQ(seen[1].thread, workerThread);
+    EXPECT_NE(workerThread, QThread::currentThread());
+    for (const Seen& s : seen) EXPECT_EQ(s.sessionOpenCount, 1);  // inside the set's own session
+    EXPECT_EQ(seen[0].stopsOnDevice, 0);  // not stopped yet when the first set was announced
+    EXPECT_EQ(seen[1].stopsOnDevice, 1);  // only the first set's session had been stopped
+    EXPECT_EQ(device->count("stop-session"), 2);
 }
 
 TEST_F(DeviceValues, NameIsTheDevicesName)
