@@ -1,7 +1,10 @@
 #include "DeviceTestbed.h"
 
+#include <QDeadlineTimer>
 #include <QFile>
+#include <chrono>
 #include <gtest/gtest.h>
+#include <thread>
 
 #include "support/TestSupport.h"
 
@@ -103,6 +106,16 @@ void Testbed::detach(const std::shared_ptr<handlink::emu::Device>& device)
     _emulator->detach(identifier);
     if (!testsupport::runUntil([&] { return !LinkDev::availableDeviceIdentifiers().contains(identifier); }))
         ADD_FAILURE() << "the registry still lists " << identifier.toStdString();
+}
+
+bool waitForCount(const handlink::emu::Device& device, const QString& operation, int n, int timeoutMs)
+{
+    QDeadlineTimer deadline(timeoutMs);
+    while (device.count(operation) < n) {
+        if (deadline.hasExpired()) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
 }
 
 std::shared_ptr<LinkDev> Testbed::linkDevFor(const QString& identifier)

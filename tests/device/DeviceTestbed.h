@@ -45,6 +45,12 @@ private:
 // emulator after the last. Binaries whose tests do their own first registration pass false.
 void installEnvironment(bool registerObserver = true);
 
+// Waits until the device has counted at least n calls of the operation (a count rises when
+// the request arrives, before an armed delay). Polls without running the event loop, so any
+// thread may call it; false if the count was not reached within timeoutMs (a safety net
+// against hangs, not a timing assertion).
+bool waitForCount(const handlink::emu::Device& device, const QString& operation, int n, int timeoutMs = 20000);
+
 // Counts handlinkAvailabliltyDidChange calls (any thread).
 class CountingObserver : public LinkDevObserver {
 public:
