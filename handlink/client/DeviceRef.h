@@ -16,12 +16,17 @@ struct HLDevice {
     const QString identifier;
     const int64_t attachment;  // the daemon's number for this attachment; 0 for "any"
 
-    // Guards the lockdown connection and both nesting counts. Held across each request and
-    // its answer, so holders on several threads take turns on the one connection.
+    // Set for good once this attachment is over: the device detached or the daemon went away
+    // (the lockdown connection broke, or the subscription reported message 2 or 3). Every call
+    // that needs the device then answers kHLDNotConnectedError at once.
+    std::atomic<bool> gone{false};
+
+    // Guards the lockdown connection and its nesting count. Held across each request and its
+    // answer, so holders on several threads take turns on the one connection. (Sessions nest
+    // on the device's side of the connection; the library keeps no count of them.)
     std::mutex mutex;
     handlink::wire::UniqueFd lockdown;
     int connectDepth = 0;
-    int sessionDepth = 0;
 };
 
 namespace handlink::client {

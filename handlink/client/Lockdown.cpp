@@ -1,6 +1,7 @@
 // The lockdown calls: one connection per reference, connect and session nested by count on the
-// reference, every call sent to the device (which counts it). A broken connection (detach,
-// daemon gone) answers kHLDNotConnectedError and resets the reference to "not connected".
+// reference, every call sent to the device (which counts it). A broken connection means the
+// device detached or the daemon went away: the reference is then gone for good, and every later
+// call that needs the device answers kHLDNotConnectedError without asking anybody.
 #include "handlink/Handlink.h"
 #include "handlink/client/DaemonSocket.h"
 #include "handlink/client/DeviceRef.h"
@@ -18,18 +19,24 @@ QCborMap request(const char* op) {
     return map;
 }
 
-void reset(HLDevice& device) {
+// The last disconnect: the connection closes, the reference may connect again.
+void close(HLDevice& device) {
     device.lockdown.reset();
     device.connectDepth = 0;
-    device.sessionDepth = 0;
+}
+
+// The connection broke: this attachment of the device is over.
+void lose(HLDevice& device) {
+    close(device);
+    device.gone.store(true);
 }
 
 // Sends a request on the open connection (device.mutex held). On a broken connection the
-// reference is reset and kHLDNotConnectedError answered.
+// reference is marked gone and kHLDNotConnectedError answered.
 HLDStatus send(HLDevice& device, const QCborMap& message, QCborMap* answer = nullptr) {
     QCborMap reply;
     if (!handlink::wire::exchange(device.lockdown.get(), message, &reply)) {
-        reset(device);
+        lose(device);
         return kHLDNotConnectedError;
     }
     const HLDStatus status = handlink::wire::statusOf(reply);
@@ -51,8 +58,15 @@ HLDStatus open(HLDevice& device) {
     if (status != kHLDSuccess) return status;
     device.lockdown = std::move(fd);
     device.connectDepth = 1;
-    device.sessionDepth = 0;
     return kHLDSuccess;
+}
+
+// What a call answers before anything is sent: kHLDNotConnectedError once the reference is
+// gone; otherwise, without a connection, the status of the broken sequence (0 when the
+// connection is open).
+HLDStatus precheck(const HLDevice& device, HLDStatus withoutConnection) {
+    if (device.gone.load()) return kHLDNotConnectedError;
+    return device.lockdown ? kHLDSuccess : withoutConnection;
 }
 
 }  // namespace
@@ -60,6 +74,7 @@ HLDStatus open(HLDevice& device) {
 HLDStatus HLDeviceConnect(HLDeviceRef device) {
     if (!device) return kHLDInvalidArgumentError;
     std::lock_guard lock(device->mutex);
+    if (device->gone.load()) return kHLDNotConnectedError;
     if (!device->lockdown) return open(*device);
     const HLDStatus status = send(*device, request("connect"));
     if (status == kHLDSuccess) ++device->connectDepth;
@@ -69,16 +84,16 @@ HLDStatus HLDeviceConnect(HLDeviceRef device) {
 HLDStatus HLDeviceDisconnect(HLDeviceRef device) {
     if (!device) return kHLDInvalidArgumentError;
     std::lock_guard lock(device->mutex);
-    if (!device->lockdown) return kHLDNotConnectedError;
+    if (const HLDStatus status = precheck(*device, kHLDNotConnectedError)) return status;
     const HLDStatus status = send(*device, request("disconnect"));
-    if (status == kHLDSuccess && --device->connectDepth == 0) reset(*device);
+    if (status == kHLDSuccess && --device->connectDepth == 0) close(*device);
     return status;
 }
 
 bool HLDeviceIsPaired(HLDeviceRef device) {
     if (!device) return false;
     std::lock_guard lock(device->mutex);
-    if (!device->lockdown) return false;
+    if (precheck(*device, kHLDNotConnectedError) != kHLDSuccess) return false;
     QCborMap answer;
     if (send(*device, request("is-paired"), &answer) != kHLDSuccess) return false;
     return answer.value(QStringLiteral("paired")).toBool();
@@ -87,48 +102,44 @@ bool HLDeviceIsPaired(HLDeviceRef device) {
 HLDStatus HLDevicePair(HLDeviceRef device) {
     if (!device) return kHLDInvalidArgumentError;
     std::lock_guard lock(device->mutex);
-    if (!device->lockdown) return kHLDNotConnectedError;
+    if (const HLDStatus status = precheck(*device, kHLDNotConnectedError)) return status;
     return send(*device, request("pair"));
 }
 
 HLDStatus HLDeviceStartSession(HLDeviceRef device) {
     if (!device) return kHLDInvalidArgumentError;
     std::lock_guard lock(device->mutex);
-    if (!device->lockdown) return kHLDNotConnectedError;
-    const HLDStatus status = send(*device, request("start-session"));
-    if (status == kHLDSuccess) ++device->sessionDepth;
-    return status;
+    if (const HLDStatus status = precheck(*device, kHLDNotConnectedError)) return status;
+    return send(*device, request("start-session"));
 }
 
 HLDStatus HLDeviceStopSession(HLDeviceRef device) {
     if (!device) return kHLDInvalidArgumentError;
     std::lock_guard lock(device->mutex);
-    if (!device->lockdown) return kHLDSessionInactiveError;
-    const HLDStatus status = send(*device, request("stop-session"));
-    if (status == kHLDSuccess && device->sessionDepth > 0) --device->sessionDepth;
-    return status;
+    if (const HLDStatus status = precheck(*device, kHLDSessionInactiveError)) return status;
+    return send(*device, request("stop-session"));
 }
 
 QVariant HLDeviceCopyValue(HLDeviceRef device, const QString& domain, const QString& key) {
     if (!device) return QVariant();
     std::lock_guard lock(device->mutex);
-    if (!device->lockdown) return QVariant();
+    if (precheck(*device, kHLDSessionInactiveError) != kHLDSuccess) return QVariant();
     QCborMap message = request("get-value");
     if (!domain.isEmpty()) message.insert(QStringLiteral("domain"), domain);
     if (!key.isNull()) message.insert(QStringLiteral("key"), key);
     QCborMap answer;
     if (send(*device, message, &answer) != kHLDSuccess) return QVariant();
-    return handlink::wire::fromCbor(answer.value(QStringLiteral("value")));
+    return handlink::wire::valueField(answer, QStringLiteral("value"));
 }
 
 HLDStatus HLDeviceSetValue(HLDeviceRef device, const QString& domain, const QString& key, const QVariant& value) {
     if (!device) return kHLDInvalidArgumentError;
     std::lock_guard lock(device->mutex);
-    if (!device->lockdown) return kHLDSessionInactiveError;
+    if (const HLDStatus status = precheck(*device, kHLDSessionInactiveError)) return status;
     QCborMap message = request("set-value");
     if (!domain.isEmpty()) message.insert(QStringLiteral("domain"), domain);
     message.insert(QStringLiteral("key"), key);
-    message.insert(QStringLiteral("value"), handlink::wire::toCbor(value));
+    handlink::wire::insertValue(&message, QStringLiteral("value"), value);  // no value: no field
     return send(*device, message);
 }
 
@@ -138,7 +149,7 @@ HLDStatus HLDeviceStartService(HLDeviceRef device, const QString& serviceName, i
     QString ticket;
     {
         std::lock_guard lock(device->mutex);
-        if (!device->lockdown) return kHLDSessionInactiveError;
+        if (const HLDStatus status = precheck(*device, kHLDSessionInactiveError)) return status;
         QCborMap message = request("start-service");
         message.insert(QStringLiteral("service"), serviceName);
         QCborMap answer;
@@ -153,7 +164,10 @@ HLDStatus HLDeviceStartService(HLDeviceRef device, const QString& serviceName, i
     message.insert(QStringLiteral("ticket"), ticket);
     QCborMap answer;
     if (!handlink::wire::exchange(fd.get(), message, &answer)) return kHLDNotConnectedError;
-    const HLDStatus status = handlink::wire::statusOf(answer);
+    HLDStatus status = handlink::wire::statusOf(answer);
+    // The daemon issued the ticket a moment ago; it forgets a device's tickets when the device
+    // detaches, so a ticket it no longer knows means the device went away in between.
+    if (status == kHLDInvalidCheckinError) status = kHLDNotConnectedError;
     if (status != kHLDSuccess) return status;
     *outSocket = fd.release();
     return kHLDSuccess;

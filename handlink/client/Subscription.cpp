@@ -152,6 +152,7 @@ bool Subscription::detached(const QString& identifier, int64_t attachment) {
         HLDeviceRef device = *it;
         if (device->identifier != identifier || device->attachment != attachment) continue;
         _devices.erase(it);
+        device->gone.store(true);  // before the callback, which may still call the device
         const bool alive = deliver(device, kHLDNotificationDisconnected);
         HLDeviceRelease(device);
         return alive;
@@ -163,6 +164,7 @@ void Subscription::lost() {
     closeConnection();
     std::vector<HLDeviceRef> gone;
     gone.swap(_devices);
+    for (HLDeviceRef device : gone) device->gone.store(true);  // their daemon is gone with them
     for (size_t i = 0; i < gone.size(); ++i) {
         const bool alive = deliver(gone[i], kHLDNotificationUnsubscribed);
         HLDeviceRelease(gone[i]);

@@ -11,10 +11,14 @@
 #endif
 
 #include <QCborArray>
+#include <limits>
 
 namespace handlink::emu {
 
 namespace {
+
+// Counts and milliseconds are kept as int: larger numbers are refused, not wrapped around.
+constexpr qint64 kMaxCount = std::numeric_limits<int>::max();
 
 class Control {
 public:
@@ -139,11 +143,14 @@ private:
         const QCborValue status = request.value(QStringLiteral("status"));
         if (!status.isInteger()) return error(answer, kHLDInvalidArgumentError, QStringLiteral("a fault needs a status"));
         fault.status = static_cast<int32_t>(status.toInteger());
-        fault.times = static_cast<int>(integer(request, "times", 1));
-        fault.after = static_cast<int>(integer(request, "after", 0));
+        const qint64 times = integer(request, "times", 1);
+        const qint64 after = integer(request, "after", 0);
+        if (times < 1 || times > kMaxCount || after < 0 || after > kMaxCount)
+            return error(answer, kHLDInvalidArgumentError,
+                         QStringLiteral("--times must be from 1 to %1 and --after from 0 to %1").arg(kMaxCount));
+        fault.times = static_cast<int>(times);
+        fault.after = static_cast<int>(after);
         fault.match = text(request, "match");
-        if (fault.times < 1 || fault.after < 0)
-            return error(answer, kHLDInvalidArgumentError, QStringLiteral("--times must be at least 1 and --after at least 0"));
         _device->addFault(fault);
         return ok(answer);
     }
@@ -158,8 +165,9 @@ private:
         if (!checkOperation(operation, answer)) return true;
         const qint64 ms = integer(request, "milliseconds", -1);
         const qint64 times = integer(request, "times", 1);
-        if (ms < 0 || times < 1)
-            return error(answer, kHLDInvalidArgumentError, QStringLiteral("a delay needs milliseconds >= 0 and --times >= 1"));
+        if (ms < 0 || ms > kMaxCount || times < 1 || times > kMaxCount)
+            return error(answer, kHLDInvalidArgumentError,
+                         QStringLiteral("a delay needs milliseconds from 0 to %1 and --times from 1 to %1").arg(kMaxCount));
         _device->delay(operation, static_cast<int>(ms), static_cast<int>(times));
         return ok(answer);
     }
@@ -195,9 +203,16 @@ private:
         HoldLockOptions options;
         options.exclusive = request.value(QStringLiteral("exclusive")).toBool(true);
         options.yieldOn = text(request, "yieldOn");
-        options.afterRequests = static_cast<int>(integer(request, "afterRequests", 1));
-        options.afterMs = static_cast<int>(integer(request, "afterMs", 0));
-        options.seconds = static_cast<int>(integer(request, "seconds", 0));
+        const qint64 afterRequests = integer(request, "afterRequests", 1);
+        const qint64 afterMs = integer(request, "afterMs", 0);
+        const qint64 seconds = integer(request, "seconds", 0);
+        for (qint64 number : {afterRequests, afterMs, seconds})
+            if (number < 0 || number > kMaxCount)
+                return error(answer, kHLDInvalidArgumentError,
+                             QStringLiteral("hold-lock counts and times must be from 0 to %1").arg(kMaxCount));
+        options.afterRequests = static_cast<int>(afterRequests);
+        options.afterMs = static_cast<int>(afterMs);
+        options.seconds = static_cast<int>(seconds);
         QString message;
 #ifdef VIREO_HANDLINK_HAVE_LOCK_HOLDERS
         // "wait": held for as long as this connection lasts (handlinkctl hold-lock).

@@ -154,14 +154,16 @@ std::optional<int32_t> DeviceState::checkFault(const QString& operation, const Q
     if (sleepMs > 0) sleepUnlessDetached(sleepMs);
     if (_detached.load()) return kHLDNotConnectedError;
 
+    // Every armed fault of the operation sees the call in the order armed: one still letting
+    // calls through counts it toward its own "after"; the first with none left strikes.
     std::lock_guard lock(_mutex);
     for (auto it = _faults.begin(); it != _faults.end(); ++it) {
         Fault& fault = *it;
         if (fault.operation != operation) continue;
         if (!fault.match.isEmpty() && fault.match != matchText) continue;
         if (fault.after > 0) {
-            --fault.after;  // this call goes through and counts toward "after"
-            return std::nullopt;
+            --fault.after;
+            continue;
         }
         const int32_t status = fault.status;
         if (--fault.times <= 0) _faults.erase(it);
@@ -210,11 +212,21 @@ int32_t DeviceState::setValue(const QString& domain, const QString& key, const Q
         return kHLDInvalidArgumentError;
     if (isReadOnlyKey(domain, key)) return kHLDSetProhibitedError;
     std::lock_guard lock(_mutex);
-    if (domainKey(domain).isEmpty())
-        _global.insert(key, value);
+    // The value changes only when device.plist holds it: on a failed write, the old state
+    // (value, or no value, or no domain) is put back.
+    const bool global = domainKey(domain).isEmpty();
+    const bool hadDomain = global || _domains.contains(domain);
+    QVariantMap& map = global ? _global : _domains[domain];
+    const std::optional<QVariant> previous = map.contains(key) ? std::optional<QVariant>(map.value(key)) : std::nullopt;
+    map.insert(key, value);
+    if (saveLocked(nullptr)) return kHLDSuccess;
+    if (!hadDomain)
+        _domains.remove(domain);
+    else if (previous)
+        map.insert(key, *previous);
     else
-        _domains[domain].insert(key, value);
-    return saveLocked(nullptr) ? kHLDSuccess : kHLDWriteError;
+        map.remove(key);
+    return kHLDWriteError;
 }
 
 bool DeviceState::saveLocked(QString* error) {
@@ -245,8 +257,14 @@ int32_t DeviceState::pair(const QString& hostId) {
     QVariantMap record;
     record.insert(QStringLiteral("HostID"), hostId);
     record.insert(QStringLiteral("PairingDate"), QDateTime::currentDateTimeUtc());
+    const QVariant previous = _pairingRecords.value(hostId);  // invalid when there was none
     _pairingRecords.insert(hostId, record);
-    return saveLocked(nullptr) ? kHLDSuccess : kHLDWriteError;
+    if (saveLocked(nullptr)) return kHLDSuccess;
+    if (previous.isValid())
+        _pairingRecords.insert(hostId, previous);
+    else
+        _pairingRecords.remove(hostId);
+    return kHLDWriteError;
 }
 
 QString DeviceState::pairingMode() const {

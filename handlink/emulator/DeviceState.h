@@ -54,9 +54,10 @@ public:
     // Counts one call of an operation (every call the device receives, failed ones too).
     void countCall(const QString& operation);
     // Applies an armed delay of the operation (sleeping, but waking at once on detach), then
-    // the first armed fault whose match is empty or equals matchText. Returns the fault's
-    // status when it strikes; a call it lets through counts toward the fault's "after".
-    // After a detach it answers kHLDNotConnectedError.
+    // offers the call to the armed faults whose match is empty or equals matchText, in the
+    // order armed: each that still lets calls through counts it toward its own "after"; the
+    // first with none left strikes, and its status is returned. After a detach it answers
+    // kHLDNotConnectedError.
     std::optional<int32_t> checkFault(const QString& operation, const QString& matchText = QString());
     // countCall() and checkFault() together: the usual head of every request handler.
     std::optional<int32_t> receive(const QString& operation, const QString& matchText = QString());
@@ -68,7 +69,8 @@ public:
     QVariantMap values(const QString& domain) const;
     // kHLDSetProhibitedError for read-only identity keys, kHLDInvalidArgumentError for a key
     // that is empty or a value that is not a property-list value, kHLDWriteError when
-    // device.plist cannot be written. The file is written atomically before this returns.
+    // device.plist cannot be written (the value is then left as it was). The file is written
+    // atomically before this returns.
     int32_t setValue(const QString& domain, const QString& key, const QVariant& value);
     static bool isReadOnlyKey(const QString& domain, const QString& key);
 

@@ -38,4 +38,8 @@ void Emulator::setPrinter(std::function<void(const QString& line)> printer) { _i
 
 void Emulator::setAllowedUid(uint32_t uid) { _impl->server.setAllowedUid(uid); }
 
+void Emulator::setTicketLifetime(int milliseconds) { _impl->server.setTicketLifetime(std::chrono::milliseconds(milliseconds)); }
+
+int Emulator::pendingTicketCount() const { return static_cast<int>(_impl->server.ticketCount()); }
+
 }  // namespace handlink::emu

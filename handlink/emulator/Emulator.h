@@ -13,16 +13,20 @@
 namespace handlink::emu {
 
 // Names of the counted and fault-injectable operations (also the words of handlinkctl):
-//   connect disconnect pair start-session stop-session get-value set-value start-service
-//   post-notification shutdown-notifications
+//   connect disconnect is-paired pair start-session stop-session get-value set-value
+//   start-service post-notification shutdown-notifications
 //   qfc-connect qfc-disconnect qfc-open qfc-read qfc-lock qfc-unlock qfc-close qfc-info
 //   qfc-dir-open qfc-dir-read qfc-dir-close qfc-remove
 
+// An armed fault. Several may be armed on one operation: a call is offered to each in the
+// order they were armed; each one that still lets calls through counts the call toward its own
+// "after", and the first one with none left to let through strikes (the later ones do not see
+// that call).
 struct Fault {
     QString operation;
     int32_t status = 0;
     int times = 1;          // how many calls it strikes
-    int after = 0;          // successful calls let through first
+    int after = 0;          // matching calls let through first
     QString match;          // only calls whose path / name / service / key equals this (empty: all)
 };
 
@@ -76,7 +80,8 @@ public:
 
 class Emulator {
 public:
-    // Listens on socketPath (its folder is made 0700). Call start() before use.
+    // Listens on socketPath. A missing folder is made 0700; an existing one must belong to this
+    // user and be writable by nobody else. Call start() before use.
     explicit Emulator(const QString& socketPath);
     ~Emulator();  // stops
     Emulator(const Emulator&) = delete;
@@ -101,6 +106,10 @@ public:
     // Which user may connect (checked with SO_PEERCRED); the emulator's own user by default.
     // Tests name another user to see a connection refused.
     void setAllowedUid(uint32_t uid);
+    // Service tickets not redeemed within this time are dropped (60 s by default), and so are
+    // a device's tickets when it detaches. Tests shorten the lifetime and count what is left.
+    void setTicketLifetime(int milliseconds);
+    int pendingTicketCount() const;
 
 private:
     struct Impl;

@@ -112,13 +112,13 @@ private:
         // No key: the whole domain as a dictionary.
         const QVariant value = key.isString() && !key.toString().isEmpty() ? _device->value(domain, key.toString())
                                                                            : QVariant(_device->values(domain));
-        if (value.isValid()) answer->insert(QStringLiteral("value"), wire::toCbor(value));
+        wire::insertValue(answer, QStringLiteral("value"), value);  // no value: no field
         return ok(answer);
     }
     bool setValue(const QCborMap& request, QCborMap* answer) {
         const QString domain = request.value(QStringLiteral("domain")).toString();
         const QString key = request.value(QStringLiteral("key")).toString();
-        const QVariant value = wire::fromCbor(request.value(QStringLiteral("value")));
+        const QVariant value = wire::valueField(request, QStringLiteral("value"));  // invalid when absent
         return fail(answer, _device->setValue(domain, key, value));
     }
     bool startService(const QCborMap& request, QCborMap* answer) {

@@ -10,6 +10,7 @@
 #include <QRandomGenerator>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -51,6 +52,51 @@ void sendOrDrop(int fd, const QCborMap& frame) {
     if (n != bytes.size()) ::shutdown(fd, SHUT_RDWR);
 }
 
+// The socket's folder. One the daemon makes is made 0700. An existing one is used as it is, but
+// only when it belongs to this user and nobody else may write to it: anyone who can write to the
+// folder can replace the socket with one of their own.
+bool prepareSocketFolder(const QString& folder, QString* error) {
+    const QByteArray path = QFile::encodeName(folder);
+    struct stat info {};
+    if (::stat(path.constData(), &info) != 0) {
+        if (errno != ENOENT) {
+            if (error) *error = QStringLiteral("cannot use the socket folder %1: %2").arg(folder, QString::fromLocal8Bit(std::strerror(errno)));
+            return false;
+        }
+        QDir().mkpath(QFileInfo(folder).absolutePath());
+        if (::mkdir(path.constData(), 0700) == 0) {
+            if (::chmod(path.constData(), 0700) == 0) return true;  // whatever the umask took away
+        } else if (errno != EEXIST) {
+            if (error) *error = QStringLiteral("cannot make the socket folder %1: %2").arg(folder, QString::fromLocal8Bit(std::strerror(errno)));
+            return false;
+        }
+        // Made by someone else in the meantime: check it like any existing folder.
+        if (::stat(path.constData(), &info) != 0) {
+            if (error) *error = QStringLiteral("cannot use the socket folder %1: %2").arg(folder, QString::fromLocal8Bit(std::strerror(errno)));
+            return false;
+        }
+    }
+    if (!S_ISDIR(info.st_mode)) {
+        if (error) *error = QStringLiteral("the socket folder %1 is not a folder").arg(folder);
+        return false;
+    }
+    if (info.st_uid != ::geteuid()) {
+        if (error)
+            *error = QStringLiteral("refusing the socket folder %1: it belongs to another user (uid %2); "
+                                    "name a socket in a folder of your own")
+                         .arg(folder, QString::number(info.st_uid));
+        return false;
+    }
+    if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        if (error)
+            *error = QStringLiteral("refusing the socket folder %1: others may write to it (mode %2); "
+                                    "name a socket in a folder only you can write to")
+                         .arg(folder, QString::number(info.st_mode & 07777, 8).rightJustified(4, QLatin1Char('0')));
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 void replyError(int fd, int32_t status, const QString& message) {
@@ -75,11 +121,7 @@ bool Server::start(QString* error) {
     if (_running.load()) return true;
     sockaddr_un address;
     if (!makeAddress(_socketPath, &address, error)) return false;
-    const QString folder = QFileInfo(_socketPath).absolutePath();
-    if (!QDir().mkpath(folder) || ::chmod(QFile::encodeName(folder).constData(), 0700) != 0) {
-        if (error) *error = QStringLiteral("cannot make the socket folder %1 (mode 0700)").arg(folder);
-        return false;
-    }
+    if (!prepareSocketFolder(QFileInfo(_socketPath).absolutePath(), error)) return false;
     if (someoneListens(address)) {
         if (error) *error = QStringLiteral("a daemon is already listening on %1").arg(_socketPath);
         return false;
@@ -145,16 +187,38 @@ void Server::stop() {
 }
 
 void Server::acceptLoop() {
+    // While the process is out of descriptors (or memory), accept4 fails with the connection
+    // still pending, and the listening socket stays readable: polling it again at once would
+    // spin. The loop then waits a moment on the wake pipe alone before it tries again.
+    constexpr int kPauseMs = 100;
+    bool paused = false;
+    bool reported = false;  // one line per stretch of failures
     while (!_stopping.load()) {
-        pollfd fds[2] = {{_listenFd.get(), POLLIN, 0}, {_wakeRead.get(), POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
+        pollfd fds[2] = {{_wakeRead.get(), POLLIN, 0}, {paused ? -1 : _listenFd.get(), POLLIN, 0}};
+        if (::poll(fds, 2, paused ? kPauseMs : -1) < 0) {
             if (errno == EINTR) continue;
             break;
         }
-        if (fds[1].revents) break;
-        if (!(fds[0].revents & POLLIN)) continue;
+        if (fds[0].revents) break;
+        if (paused) {
+            paused = false;
+            continue;
+        }
+        if (!(fds[1].revents & POLLIN)) continue;
         wire::UniqueFd fd(::accept4(_listenFd.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!fd) continue;
+        if (!fd) {
+            const int failure = errno;
+            if (failure == EMFILE || failure == ENFILE || failure == ENOBUFS || failure == ENOMEM) {
+                if (!reported)
+                    print(QStringLiteral("cannot accept connections: %1 (trying again shortly)")
+                              .arg(QString::fromLocal8Bit(std::strerror(failure))));
+                reported = true;
+                paused = true;
+                reapFinished();  // finished connections give their descriptors back
+            }
+            continue;
+        }
+        reported = false;
         reapFinished();
         ucred credentials{};
         socklen_t length = sizeof credentials;
@@ -163,10 +227,21 @@ void Server::acceptLoop() {
             replyError(fd.get(), kHLDPermissionError, QStringLiteral("connections from another user are refused"));
             continue;
         }
-        std::lock_guard lock(_connectionsMutex);
-        Connection& connection = _connections.emplace_back();
-        connection.fd = std::move(fd);
-        connection.thread = std::thread([this, &connection] { serve(&connection); });
+        QString failure;
+        {
+            std::lock_guard lock(_connectionsMutex);
+            Connection& connection = _connections.emplace_back();
+            connection.fd = std::move(fd);
+            try {
+                connection.thread = std::thread([this, &connection] { serve(&connection); });
+            } catch (const std::system_error& e) {
+                // No thread for it (a thread or memory limit): close this connection only.
+                failure = QString::fromLocal8Bit(e.what());
+                _connections.pop_back();
+            }
+        }
+        if (!failure.isEmpty())
+            print(QStringLiteral("cannot start a thread for a new connection: %1 (closed it)").arg(failure));
     }
 }
 
@@ -263,6 +338,11 @@ bool Server::detach(const QString& identifier) {
 }
 
 void Server::forgetDeviceLocked(DeviceState& device) {
+    // Its tickets can no longer be redeemed: a service needs the device attached.
+    std::erase_if(_tickets, [&device](const Ticket& t) {
+        const auto owner = t.device.lock();
+        return !owner || owner.get() == &device;
+    });
     // The device object may outlive the server (tests keep it): cut its ties to the server.
     auto it = _postListenerTokens.find(device.identifier());
     if (it != _postListenerTokens.end()) {
@@ -296,18 +376,30 @@ void Server::print(const QString& line) const {
 
 // ---- tickets ----
 
+void Server::setTicketLifetime(std::chrono::milliseconds lifetime) {
+    std::lock_guard lock(_devicesMutex);
+    _ticketLifetime = lifetime;
+}
+
+void Server::dropExpiredTicketsLocked() {
+    const auto now = std::chrono::steady_clock::now();
+    std::erase_if(_tickets, [&](const Ticket& t) { return now - t.issued >= _ticketLifetime || t.device.expired(); });
+}
+
 QString Server::issueTicket(const std::shared_ptr<DeviceState>& device, const QString& service) {
     quint32 words[4];
     QRandomGenerator::system()->fillRange(words);
     QString ticket;
     for (quint32 word : words) ticket += QStringLiteral("%1").arg(word, 8, 16, QLatin1Char('0'));
     std::lock_guard lock(_devicesMutex);
-    _tickets.push_back(Ticket{ticket, device, service});
+    dropExpiredTicketsLocked();  // so tickets nobody redeems do not pile up
+    _tickets.push_back(Ticket{ticket, device, service, std::chrono::steady_clock::now()});
     return ticket;
 }
 
 bool Server::redeemTicket(const QString& ticket, std::shared_ptr<DeviceState>* device, QString* service) {
     std::lock_guard lock(_devicesMutex);
+    dropExpiredTicketsLocked();
     for (auto it = _tickets.begin(); it != _tickets.end(); ++it) {
         if (it->ticket == ticket) {
             *device = it->device.lock();
@@ -317,6 +409,11 @@ bool Server::redeemTicket(const QString& ticket, std::shared_ptr<DeviceState>* d
         }
     }
     return false;
+}
+
+size_t Server::ticketCount() const {
+    std::lock_guard lock(_devicesMutex);
+    return _tickets.size();
 }
 
 // ---- listeners and watchers ----

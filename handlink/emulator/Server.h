@@ -14,6 +14,7 @@
 #include <QString>
 #include <QStringList>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <list>
 #include <map>
@@ -32,8 +33,9 @@ public:
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    // Makes the socket's folder (0700), refuses a path where a server already answers,
-    // replaces a stale socket file, and starts accepting.
+    // Makes the socket's folder (0700) when it is missing; an existing folder must belong to
+    // this user and be writable by nobody else (it is left as it is). Refuses a path where a
+    // server already answers, replaces a stale socket file, and starts accepting.
     bool start(QString* error);
     // Closes the listening socket and every connection, detaches every device (without
     // detach events: the listeners' connections close, which clients report as message 3)
@@ -54,10 +56,15 @@ public:
 
     // ---- used by the connection handlers ----
     const std::atomic<bool>& stopping() const { return _stopping; }
-    // A one-time ticket for a service connection to the device.
+    // A one-time ticket for a service connection to the device. A ticket is dropped when it is
+    // redeemed, when its device detaches, or once it is older than the ticket lifetime.
     QString issueTicket(const std::shared_ptr<DeviceState>& device, const QString& service);
-    // Takes the ticket out of the table; false when it is unknown (wrong or used before).
+    // Takes the ticket out of the table; false when it is unknown (wrong, used before, dropped
+    // at a detach or expired).
     bool redeemTicket(const QString& ticket, std::shared_ptr<DeviceState>* device, QString* service);
+    // How long an unredeemed ticket stays valid (60 s unless changed; tests shorten it).
+    void setTicketLifetime(std::chrono::milliseconds lifetime);
+    size_t ticketCount() const;  // tickets not yet redeemed, dropped or expired (for tests)
     // Adds an event listener: answers the "events" request with the devices attached now and
     // from then on sends every attach and detach to fd. Returns a token for removal.
     int addEventListener(int fd);
@@ -94,7 +101,7 @@ private:
     wire::UniqueFd _wakeRead, _wakeWrite;  // wakes the accept loop at stop
     std::thread _acceptThread;
 
-    mutable std::mutex _devicesMutex;  // guards _devices, _eventListeners, _watchers, _tickets, _nextToken, _nextAttachment
+    mutable std::mutex _devicesMutex;  // guards _devices, _eventListeners, _watchers, _tickets, _ticketLifetime, _nextToken, _nextAttachment
     std::vector<std::shared_ptr<DeviceState>> _devices;
     std::vector<Listener> _eventListeners;
     std::vector<Listener> _watchers;
@@ -102,8 +109,11 @@ private:
         QString ticket;
         std::weak_ptr<DeviceState> device;
         QString service;
+        std::chrono::steady_clock::time_point issued;
     };
+    void dropExpiredTicketsLocked();  // _devicesMutex held
     std::vector<Ticket> _tickets;
+    std::chrono::milliseconds _ticketLifetime{60000};
     std::map<QString, int> _postListenerTokens;  // device identifier -> its post listener
     int _nextToken = 1;
     qint64 _nextAttachment = 1;

@@ -59,7 +59,7 @@ void serveService(Server& server, int fd, const QCborMap& first) {
     std::shared_ptr<DeviceState> device;
     QString service;
     if (!server.redeemTicket(first.value(QStringLiteral("ticket")).toString(), &device, &service)) {
-        replyError(fd, kHLDInvalidCheckinError, QStringLiteral("unknown or used service ticket"));
+        replyError(fd, kHLDInvalidCheckinError, QStringLiteral("unknown, used or expired service ticket"));
         return;
     }
     if (!device || device->isDetached()) {

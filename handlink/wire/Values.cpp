@@ -88,4 +88,14 @@ QVariant fromCbor(const QCborValue& value) {
     }
 }
 
+void insertValue(QCborMap* map, const QString& field, const QVariant& value) {
+    const QCborValue encoded = toCbor(value);
+    if (encoded.isUndefined()) return;
+    map->insert(field, encoded);
+}
+
+QVariant valueField(const QCborMap& map, const QString& field) {
+    return map.contains(field) ? fromCbor(map.value(field)) : QVariant();
+}
+
 }  // namespace handlink::wire
