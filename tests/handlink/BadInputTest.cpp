@@ -3,6 +3,7 @@
 #include <QCborArray>
 #include <QCborMap>
 #include <gtest/gtest.h>
+#include <limits>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -111,6 +112,9 @@ TEST_F(BadInput, MalformedFramesInsideEachKindOfConnection) {
         EXPECT_EQ(sendGarbage(header(handlink::wire::kMaxFrameSize + 1), first), kHLDBadHeaderError);
         EXPECT_EQ(sendGarbage(frameOf("\x83\x01"), first), kHLDBadHeaderError);  // an array cut short
         EXPECT_EQ(sendGarbage(frameOf(QCborValue(QStringLiteral("text")).toCbor()), first), kHLDBadHeaderError);
+        // A frame cut short by the end of the connection.
+        EXPECT_EQ(sendGarbage(header(100) + QByteArray(10, 'x'), first, true), kHLDBadHeaderError);
+        EXPECT_EQ(sendGarbage(header(100).left(2), first, true), kHLDBadHeaderError);  // inside the header
         expectStillServing();
     }
     // The notification service too.
@@ -124,6 +128,17 @@ TEST_F(BadInput, MalformedFramesInsideEachKindOfConnection) {
     EXPECT_EQ(handlink::wire::statusOf(answer), kHLDBadHeaderError);
     EXPECT_NE(handlink::wire::readFrame(service.get(), &answer), ReadResult::Ok);
     expectStillServing();
+
+    // A truncated frame on another notification service connection.
+    ASSERT_EQ(HLDeviceStartService(ref, QStringLiteral("com.corvid.mobile.notification_proxy"), &socket, nullptr), kHLDSuccess);
+    UniqueFd cut(socket);
+    const QByteArray partial = header(100) + QByteArray(10, 'x');
+    handlink::wire::sendAll(cut.get(), partial.constData(), size_t(partial.size()));
+    ::shutdown(cut.get(), SHUT_WR);
+    ASSERT_EQ(handlink::wire::readFrame(cut.get(), &answer), ReadResult::Ok);
+    EXPECT_EQ(handlink::wire::statusOf(answer), kHLDBadHeaderError);
+    EXPECT_NE(handlink::wire::readFrame(cut.get(), &answer), ReadResult::Ok);
+    expectStillServing();
 }
 
 TEST_F(BadInput, WrongFirstRequestsAndUnknownOperations) {
@@ -134,6 +149,28 @@ TEST_F(BadInput, WrongFirstRequestsAndUnknownOperations) {
     EXPECT_EQ(sendGarbage(frameOf(QCborValue(request("format-device")).toCbor()), &lockdown), kHLDUnknownPacketError);
     const QCborMap control = request("control");
     EXPECT_EQ(sendGarbage(frameOf(QCborValue(request("self-destruct")).toCbor()), &control), kHLDUnknownPacketError);
+    expectStillServing();
+
+    // An unknown operation on the notification proxy.
+    int socket = -1;
+    ASSERT_EQ(HLDeviceStartService(ref, QStringLiteral("com.corvid.mobile.notification_proxy"), &socket, nullptr), kHLDSuccess);
+    UniqueFd service(socket);
+    QCborMap reply;
+    ASSERT_TRUE(handlink::wire::exchange(service.get(), request("explode"), &reply));
+    EXPECT_EQ(handlink::wire::statusOf(reply), kHLDUnknownPacketError);
+    EXPECT_TRUE(reply.value(QStringLiteral("error")).toString().contains(QStringLiteral("explode")));
+    EXPECT_NE(handlink::wire::readFrame(service.get(), &reply), ReadResult::Ok);  // closed
+    EXPECT_EQ(device->count(QStringLiteral("post-notification")), 0);
+
+    // An event listener sends nothing after its first request; one that does is answered with
+    // an error and closed, and is not sent events any more.
+    UniqueFd listener = connectRaw();
+    ASSERT_TRUE(handlink::wire::exchange(listener.get(), request("events"), &reply));
+    ASSERT_EQ(handlink::wire::statusOf(reply), kHLDSuccess);
+    EXPECT_EQ(reply.value(QStringLiteral("devices")).toArray().size(), 1);
+    ASSERT_TRUE(handlink::wire::exchange(listener.get(), request("list"), &reply));
+    EXPECT_EQ(handlink::wire::statusOf(reply), kHLDUnknownPacketError);
+    EXPECT_NE(handlink::wire::readFrame(listener.get(), &reply), ReadResult::Ok);  // closed
     expectStillServing();
 
     // A lockdown connection to a device that is not attached.
@@ -154,6 +191,7 @@ TEST_F(BadInput, ServiceTicketsAreOneTimeAndMustBeKnown) {
     QCborMap answer;
     ASSERT_TRUE(handlink::wire::exchange(fd.get(), wrong, &answer));
     EXPECT_EQ(handlink::wire::statusOf(answer), kHLDInvalidCheckinError);
+    EXPECT_NE(handlink::wire::readFrame(fd.get(), &answer), ReadResult::Ok);  // closed
 
     // Take a real ticket by speaking lockdown by hand, then use it twice.
     UniqueFd lockdownFd = connectRaw();
@@ -178,6 +216,7 @@ TEST_F(BadInput, ServiceTicketsAreOneTimeAndMustBeKnown) {
     UniqueFd second = connectRaw();
     ASSERT_TRUE(handlink::wire::exchange(second.get(), redeem, &answer));
     EXPECT_EQ(handlink::wire::statusOf(answer), kHLDInvalidCheckinError);
+    EXPECT_NE(handlink::wire::readFrame(second.get(), &answer), ReadResult::Ok);  // closed
 
     // The first one works.
     QCborMap post = request("post");
@@ -186,6 +225,100 @@ TEST_F(BadInput, ServiceTicketsAreOneTimeAndMustBeKnown) {
     EXPECT_EQ(handlink::wire::statusOf(answer), kHLDSuccess);
     EXPECT_EQ(device->postCount(QStringLiteral("com.example.raw")), 1);
     expectStillServing();
+}
+
+namespace {
+
+// Speaks lockdown by hand up to a start-service and answers the ticket's redeem request.
+QCborMap takeTicket(UniqueFd& lockdownFd, const QString& identifier) {
+    QCborMap connect = request("connect");
+    connect.insert(QStringLiteral("device"), identifier);
+    connect.insert(QStringLiteral("host"), QStringLiteral("raw-host"));
+    QCborMap answer;
+    EXPECT_TRUE(handlink::wire::exchange(lockdownFd.get(), connect, &answer));
+    EXPECT_TRUE(handlink::wire::exchange(lockdownFd.get(), request("pair"), &answer));
+    EXPECT_TRUE(handlink::wire::exchange(lockdownFd.get(), request("start-session"), &answer));
+    QCborMap start = request("start-service");
+    start.insert(QStringLiteral("service"), QStringLiteral("com.corvid.mobile.notification_proxy"));
+    EXPECT_TRUE(handlink::wire::exchange(lockdownFd.get(), start, &answer));
+    EXPECT_EQ(handlink::wire::statusOf(answer), kHLDSuccess);
+    QCborMap redeem = request("service");
+    redeem.insert(QStringLiteral("ticket"), answer.value(QStringLiteral("ticket")));
+    return redeem;
+}
+
+}  // namespace
+
+TEST_F(BadInput, TicketsDoNotOutliveTheirDeviceOrTheirLifetime) {
+    // A device of its own, so the fixture's device stays attached.
+    auto other = attachNewDevice(QStringLiteral("Fleeting"));
+    ASSERT_TRUE(other);
+    UniqueFd lockdownFd = connectRaw();
+    const QCborMap unused = takeTicket(lockdownFd, other->identifier());
+    const QCborMap pending = takeTicket(lockdownFd, other->identifier());
+    EXPECT_EQ(emulator->pendingTicketCount(), 2);
+    ASSERT_TRUE(emulator->detach(other->identifier()));
+    EXPECT_EQ(emulator->pendingTicketCount(), 0);  // dropped with the device
+    UniqueFd late = connectRaw();
+    QCborMap answer;
+    ASSERT_TRUE(handlink::wire::exchange(late.get(), pending, &answer));
+    EXPECT_EQ(handlink::wire::statusOf(answer), kHLDInvalidCheckinError);
+    EXPECT_NE(handlink::wire::readFrame(late.get(), &answer), ReadResult::Ok);
+
+    // A ticket older than the lifetime is refused (a lifetime of 0: every ticket is too old).
+    emulator->setTicketLifetime(0);
+    UniqueFd ownFd = connectRaw();
+    const QCborMap expired = takeTicket(ownFd, device->identifier());
+    UniqueFd tooLate = connectRaw();
+    ASSERT_TRUE(handlink::wire::exchange(tooLate.get(), expired, &answer));
+    EXPECT_EQ(handlink::wire::statusOf(answer), kHLDInvalidCheckinError);
+    EXPECT_EQ(emulator->pendingTicketCount(), 0);
+    // Through the library, a ticket the daemon no longer knows is a device that went away.
+    int socket = 1234;
+    EXPECT_EQ(HLDeviceStartService(ref, QStringLiteral("com.corvid.mobile.notification_proxy"), &socket, nullptr),
+              kHLDNotConnectedError);
+    EXPECT_EQ(socket, -1);
+
+    // With the usual lifetime, tickets are redeemed; the ones left over are dropped by age when
+    // the next is issued, not kept for ever.
+    emulator->setTicketLifetime(60000);
+    const QCborMap fresh = takeTicket(ownFd, device->identifier());
+    EXPECT_EQ(emulator->pendingTicketCount(), 1);
+    UniqueFd inTime = connectRaw();
+    ASSERT_TRUE(handlink::wire::exchange(inTime.get(), fresh, &answer));
+    EXPECT_EQ(handlink::wire::statusOf(answer), kHLDSuccess);
+    EXPECT_EQ(emulator->pendingTicketCount(), 0);
+    expectStillServing();
+}
+
+TEST_F(BadInput, ControlNumbersOutOfRangeAreRefused) {
+    UniqueFd fd = connectRaw();
+    QCborMap answer;
+    ASSERT_TRUE(handlink::wire::exchange(fd.get(), request("control"), &answer));
+    auto send = [&](const char* op, std::initializer_list<std::pair<const char*, qint64>> numbers) {
+        QCborMap message = request(op);
+        message.insert(QStringLiteral("id"), device->identifier());
+        message.insert(QStringLiteral("operation"), QStringLiteral("get-value"));
+        message.insert(QStringLiteral("status"), qint64(kHLDBusyError));
+        message.insert(QStringLiteral("milliseconds"), 1);
+        for (const auto& [field, value] : numbers) message.insert(QLatin1String(field), value);
+        QCborMap reply;
+        EXPECT_TRUE(handlink::wire::exchange(fd.get(), message, &reply));
+        return reply;
+    };
+    const qint64 tooLarge = qint64(std::numeric_limits<int>::max()) + 1;
+    QCborMap reply = send("delay", {{"milliseconds", tooLarge}});
+    EXPECT_EQ(handlink::wire::statusOf(reply), kHLDInvalidArgumentError);
+    EXPECT_TRUE(reply.value(QStringLiteral("error")).toString().contains(QStringLiteral("2147483647")));
+    EXPECT_EQ(handlink::wire::statusOf(send("delay", {{"milliseconds", 1}, {"times", tooLarge}})), kHLDInvalidArgumentError);
+    EXPECT_EQ(handlink::wire::statusOf(send("fail", {{"times", tooLarge}})), kHLDInvalidArgumentError);
+    EXPECT_EQ(handlink::wire::statusOf(send("fail", {{"after", tooLarge}})), kHLDInvalidArgumentError);
+    EXPECT_EQ(handlink::wire::statusOf(send("fail", {{"after", -1}})), kHLDInvalidArgumentError);
+    // Nothing was armed: reads go through at once.
+    EXPECT_EQ(HLDeviceCopyValue(ref, QString(), QStringLiteral("DeviceName")).toString(), QStringLiteral("Sturdy"));
+    // The largest numbers are taken.
+    EXPECT_EQ(handlink::wire::statusOf(send("fail", {{"after", std::numeric_limits<int>::max()}})), kHLDSuccess);
+    EXPECT_EQ(HLDeviceCopyValue(ref, QString(), QStringLiteral("DeviceName")).toString(), QStringLiteral("Sturdy"));
 }
 
 TEST_F(BadInput, PeersOfAnotherUserAreRefused) {

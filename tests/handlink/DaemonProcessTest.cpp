@@ -1,8 +1,14 @@
 // The real handlinkd, driven with the real handlinkctl: the command-line contract of both.
+#include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QSet>
 #include <QTemporaryDir>
+#include <atomic>
+#include <csignal>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <thread>
 
 #include "HandlinkTestbed.h"
 #include "support/TestSupport.h"
@@ -141,26 +147,35 @@ TEST_F(DaemonProcess, ASessionWithTheDaemon) {
     EXPECT_EQ(identifierIn(ctl({QStringLiteral("list")}).out, QStringLiteral("Second")), two);
     EXPECT_EQ(ctl({QStringLiteral("attach"), path(QStringLiteral("two"))}).exitCode, 1);  // attached already
 
-    // Watch one device while posting on both.
-    QProcess watch;
+    // Watch all devices (the plain form), and one device, while posting on both.
+    QProcess watchAll, watch;
+    watchAll.start(kBin + QStringLiteral("/handlinkctl"), {QStringLiteral("--socket"), socket, QStringLiteral("watch")});
     watch.start(kBin + QStringLiteral("/handlinkctl"), {QStringLiteral("--socket"), socket, QStringLiteral("watch"), one});
+    ASSERT_TRUE(watchAll.waitForStarted(30000));
     ASSERT_TRUE(watch.waitForStarted(30000));
-    // It says on standard error once the daemon has registered it.
-    QString watchErr;
+    // Each says on standard error once the daemon has registered it.
+    QString watchAllErr, watchErr;
     ASSERT_TRUE(testsupport::runUntil([&] {
+        watchAllErr += QString::fromUtf8(watchAll.readAllStandardError());
         watchErr += QString::fromUtf8(watch.readAllStandardError());
-        return watchErr.contains(QStringLiteral("watching"));
+        return watchAllErr.contains(QStringLiteral("watching")) && watchErr.contains(QStringLiteral("watching"));
     }));
-    QString watched;
+    EXPECT_TRUE(watchAllErr.contains(QStringLiteral("watching all devices"))) << watchAllErr.toStdString();
+    QString watchedAll, watched;
     ASSERT_EQ(ctl({QStringLiteral("post"), one, QStringLiteral("com.example.first")}).exitCode, 0);
     ASSERT_EQ(ctl({QStringLiteral("post"), two, QStringLiteral("com.example.other")}).exitCode, 0);
     ASSERT_EQ(ctl({QStringLiteral("post"), one, QStringLiteral("com.example.last")}).exitCode, 0);
     ASSERT_TRUE(testsupport::runUntil([&] {
+        watchedAll += QString::fromUtf8(watchAll.readAllStandardOutput());
         watched += QString::fromUtf8(watch.readAllStandardOutput());
-        return watched.contains(QStringLiteral("com.example.last"));
+        return watchedAll.contains(QStringLiteral("com.example.last")) && watched.contains(QStringLiteral("com.example.last"));
     }));
-    EXPECT_FALSE(watched.contains(QStringLiteral("com.example.other")));
+    EXPECT_EQ(watchedAll, QStringLiteral("%1\tcom.example.first\n%2\tcom.example.other\n%1\tcom.example.last\n").arg(one, two));
     EXPECT_EQ(watched, QStringLiteral("%1\tcom.example.first\n%1\tcom.example.last\n").arg(one));
+    // Interrupted, as a person stops it.
+    ::kill(pid_t(watchAll.processId()), SIGINT);
+    ASSERT_TRUE(watchAll.waitForFinished(30000));
+    EXPECT_EQ(watchAll.exitStatus(), QProcess::CrashExit);  // ended by the signal
     watch.kill();
     watch.waitForFinished(30000);
     ASSERT_TRUE(waitForDaemonLines(QStringLiteral("posted %1 com.example.last").arg(one), 1));
@@ -191,8 +206,29 @@ TEST_F(DaemonProcess, ASessionWithTheDaemon) {
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_TRUE(r.err.contains(QStringLiteral("no device nobody")));
     EXPECT_EQ(ctl({QStringLiteral("fail"), two, QStringLiteral("connect"), QStringLiteral("lots")}).exitCode, 1);
-    EXPECT_EQ(ctl({QStringLiteral("delay"), two, QStringLiteral("get-value"), QStringLiteral("5"), QStringLiteral("--times"),
-                   QStringLiteral("2")}).exitCode, 0);
+
+    // --after and --match: only the second post of one name fails.
+    ASSERT_EQ(ctl({QStringLiteral("fail"), two, QStringLiteral("post-notification"), QStringLiteral("0xE8000011"),
+                   QStringLiteral("--after"), QStringLiteral("1"), QStringLiteral("--match"), QStringLiteral("com.example.m")})
+                  .exitCode,
+              0);
+    EXPECT_EQ(ctl({QStringLiteral("post"), two, QStringLiteral("com.example.m")}).exitCode, 0);
+    EXPECT_EQ(ctl({QStringLiteral("post"), two, QStringLiteral("com.example.n")}).exitCode, 0);  // no match
+    r = ctl({QStringLiteral("post"), two, QStringLiteral("com.example.m")});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("HLDPostNotification() answered -402653167"))) << r.err.toStdString();
+    EXPECT_EQ(ctl({QStringLiteral("post"), two, QStringLiteral("com.example.m")}).exitCode, 0);
+    r = ctl({QStringLiteral("stats"), two});
+    EXPECT_TRUE(r.out.contains(QStringLiteral("posted com.example.m\t2\n"))) << r.out.toStdString();
+
+    // Numbers the daemon cannot keep are refused, not wrapped around.
+    r = ctl({QStringLiteral("delay"), two, QStringLiteral("get-value"), QStringLiteral("3000000000")});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("2147483647"))) << r.err.toStdString();
+    r = ctl({QStringLiteral("fail"), two, QStringLiteral("get-value"), QStringLiteral("1"), QStringLiteral("--times"),
+             QStringLiteral("4294967296")});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("2147483647"))) << r.err.toStdString();
 
     // Pairing: refused, then forgotten and accepted again.
     ASSERT_EQ(ctl({QStringLiteral("pairing"), two, QStringLiteral("forget")}).exitCode, 0);
@@ -213,8 +249,28 @@ TEST_F(DaemonProcess, ASessionWithTheDaemon) {
     ASSERT_EQ(r.exitCode, 0);
     EXPECT_TRUE(r.out.contains(QStringLiteral("<key>syncDebug.enabled_v2</key>")));
 
+    // A delayed value read, seen by the counters: it reached the device and is still held
+    // there when the device detaches, which ends it at once.
+    ASSERT_EQ(ctl({QStringLiteral("delay"), one, QStringLiteral("get-value"), QStringLiteral("600000")}).exitCode, 0);
+    HLDeviceRef refOne = recorder->events()[0].device;
+    ASSERT_EQ(HLDeviceConnect(refOne), kHLDSuccess);
+    ASSERT_EQ(HLDevicePair(refOne), kHLDSuccess);
+    ASSERT_EQ(HLDeviceStartSession(refOne), kHLDSuccess);
+    std::atomic<bool> returned{false};
+    QVariant late;
+    std::thread reader([&] {
+        late = HLDeviceCopyValue(refOne, QString(), QStringLiteral("DeviceName"));
+        returned = true;
+    });
+    const bool reached = testsupport::runUntil([&] { return ctl({QStringLiteral("stats"), one}).out.contains(QStringLiteral("get-value\t1\n")); });
+    EXPECT_TRUE(reached);
+    EXPECT_FALSE(returned.load());  // held back by the delay, not answered
+
     // Detach at run time: subscribers see it, the daemon says so.
     ASSERT_EQ(ctl({QStringLiteral("detach"), one}).exitCode, 0);
+    reader.join();
+    EXPECT_FALSE(late.isValid());
+    EXPECT_EQ(HLDeviceStopSession(refOne), kHLDNotConnectedError);
     ASSERT_TRUE(recorder->waitForCount(3));
     EXPECT_EQ(recorder->events()[2].msg, kHLDNotificationDisconnected);
     EXPECT_EQ(recorder->events()[2].identifier, one);
@@ -241,6 +297,17 @@ TEST_F(DaemonProcess, ASessionWithTheDaemon) {
     ASSERT_EQ(HLDeviceConnect(again), kHLDSuccess);
     EXPECT_TRUE(HLDeviceIsPaired(again));
     EXPECT_EQ(HLDeviceDisconnect(again), kHLDSuccess);
+
+    // SIGINT (Ctrl-C) stops it cleanly too.
+    ASSERT_EQ(::kill(pid_t(daemon.processId()), SIGINT), 0);
+    ASSERT_TRUE(daemon.waitForFinished(30000));
+    EXPECT_EQ(daemon.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(daemon.exitCode(), 0);
+    daemonOut += QString::fromUtf8(daemon.readAllStandardOutput());
+    EXPECT_TRUE(daemonOut.endsWith(QStringLiteral("stopped\n"))) << daemonOut.toStdString();
+    ASSERT_TRUE(recorder->waitForCount(6));
+    EXPECT_EQ(recorder->events()[5].msg, kHLDNotificationUnsubscribed);
+    EXPECT_EQ(recorder->events()[5].device, again);
 }
 
 TEST_F(DaemonProcess, DaemonRefusesASecondInstanceAndBadArguments) {
@@ -261,4 +328,87 @@ TEST_F(DaemonProcess, DaemonRefusesASecondInstanceAndBadArguments) {
 
     // The first daemon is unharmed.
     EXPECT_EQ(ctl({QStringLiteral("list")}).exitCode, 0);
+}
+
+namespace {
+
+// The daemon's address space now, from /proc (bytes); 0 when it cannot be read.
+qint64 addressSpaceOf(qint64 pid) {
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly)) return 0;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith("VmSize:")) return line.mid(7).trimmed().split(' ').value(0).toLongLong() * 1024;
+    return 0;
+}
+
+// The lowest descriptor number the daemon does not use: with its limit of open files there,
+// the next descriptor it opens fails.
+int lowestFreeDescriptorOf(qint64 pid) {
+    const QStringList entries = QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryList(QDir::NoDotAndDotDot | QDir::AllEntries);
+    QSet<int> used;
+    for (const QString& entry : entries) used.insert(entry.toInt());
+    int fd = 0;
+    while (used.contains(fd)) ++fd;
+    return fd;
+}
+
+}  // namespace
+
+TEST_F(DaemonProcess, AConnectionWithoutAThreadIsClosedAndTheDaemonGoesOn) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "an address-space limit does not suit a sanitizer's shadow memory";
+#endif
+    ASSERT_EQ(ctl({QStringLiteral("make-device"), path(QStringLiteral("one")), QStringLiteral("--name"), QStringLiteral("Solo")}).exitCode, 0);
+    startDaemon({path(QStringLiteral("one"))});
+    const pid_t pid = pid_t(daemon.processId());
+
+    // Limit the daemon's address space to what it uses now and half a thread stack more: no new
+    // thread's stack fits (and none of a finished thread is there to reuse: no connection yet).
+    rlimit stack{}, before{};
+    ASSERT_EQ(::prlimit(pid, RLIMIT_STACK, nullptr, &stack), 0);
+    ASSERT_EQ(::prlimit(pid, RLIMIT_AS, nullptr, &before), 0);
+    const qint64 used = addressSpaceOf(pid);
+    ASSERT_GT(used, 0);
+    ASSERT_NE(stack.rlim_cur, RLIM_INFINITY);
+    rlimit tight = before;
+    tight.rlim_cur = rlim_t(used) + stack.rlim_cur / 2;
+    ASSERT_EQ(::prlimit(pid, RLIMIT_AS, &tight, nullptr), 0);
+
+    Result r = ctl({QStringLiteral("list")});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("closed the connection"))) << r.err.toStdString();
+    ASSERT_TRUE(waitForDaemonLines(QStringLiteral("cannot start a thread for a new connection"), 1));
+
+    // The limit lifted, the same daemon serves again.
+    ASSERT_EQ(::prlimit(pid, RLIMIT_AS, &before, nullptr), 0);
+    r = ctl({QStringLiteral("list")});
+    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_TRUE(r.out.contains(QStringLiteral("\tSolo\n")));
+    EXPECT_EQ(daemon.state(), QProcess::Running);
+}
+
+TEST_F(DaemonProcess, OutOfDescriptorsTheDaemonWaitsAndServesTheConnectionLater) {
+    ASSERT_EQ(ctl({QStringLiteral("make-device"), path(QStringLiteral("one")), QStringLiteral("--name"), QStringLiteral("Solo")}).exitCode, 0);
+    startDaemon({path(QStringLiteral("one"))});
+    const pid_t pid = pid_t(daemon.processId());
+    rlimit before{};
+    ASSERT_EQ(::prlimit(pid, RLIMIT_NOFILE, nullptr, &before), 0);
+    rlimit tight = before;
+    tight.rlim_cur = rlim_t(lowestFreeDescriptorOf(pid));
+    ASSERT_EQ(::prlimit(pid, RLIMIT_NOFILE, &tight, nullptr), 0);
+
+    // The connection waits in the backlog while the daemon cannot accept it; the daemon says so
+    // once (not once per attempt).
+    QProcess list;
+    list.start(kBin + QStringLiteral("/handlinkctl"), {QStringLiteral("--socket"), socket, QStringLiteral("list")});
+    ASSERT_TRUE(list.waitForStarted(30000));
+    ASSERT_TRUE(waitForDaemonLines(QStringLiteral("cannot accept connections"), 1));
+    EXPECT_EQ(list.state(), QProcess::Running);
+
+    ASSERT_EQ(::prlimit(pid, RLIMIT_NOFILE, &before, nullptr), 0);
+    ASSERT_TRUE(list.waitForFinished(60000));
+    EXPECT_EQ(list.exitCode(), 0) << list.readAllStandardError().toStdString();
+    EXPECT_TRUE(QString::fromUtf8(list.readAllStandardOutput()).contains(QStringLiteral("\tSolo\n")));
+    daemonOut += QString::fromUtf8(daemon.readAllStandardOutput());
+    EXPECT_EQ(daemonLines(QStringLiteral("cannot accept connections")).size(), 1);
 }

@@ -1,10 +1,21 @@
 // Device events through HLDeviceNotificationSubscribe: present devices, attach, detach,
 // re-attach, the daemon going away and coming back, and the thread of delivery.
+#include <QFile>
 #include <QThread>
+#include <atomic>
+#include <cstddef>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
 
 #include "HandlinkTestbed.h"
+#include "handlink/client/DeviceRef.h"
+#include "handlink/wire/UniqueFd.h"
 #include "support/TestSupport.h"
 
 using namespace hltest;
@@ -87,15 +98,85 @@ TEST_F(Events, DaemonGoingAwayEndsEveryDeviceAndItsReturnReportsThemAgain) {
 
 TEST_F(Events, SubscribingBeforeTheDaemonRuns) {
     emulator->stop();
+    // Until the daemon runs, something that is not a daemon holds the socket: it takes each
+    // connection and closes it unanswered, and counts them. The library must keep trying.
+    handlink::wire::UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_TRUE(listener.valid());
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const QByteArray path = QFile::encodeName(socketPath());
+    ASSERT_LT(size_t(path.size()), sizeof address.sun_path);
+    std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
+    ASSERT_EQ(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener.get(), 8), 0);
+    std::atomic<int> attempts{0};
+    std::atomic<bool> stop{false};
+    std::thread refuser([&] {
+        while (!stop.load()) {
+            pollfd fd{listener.get(), POLLIN, 0};
+            if (::poll(&fd, 1, 50) <= 0) continue;
+            handlink::wire::UniqueFd connection(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            if (connection) ++attempts;
+        }
+    });
+
     recorder = std::make_unique<EventRecorder>();
-    // Let a few reconnect attempts fail.
-    for (int i = 0; i < 5; ++i) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    EXPECT_TRUE(recorder->events().empty());
+    const bool retried = testsupport::runUntil([&] { return attempts.load() >= 3; });
+    stop = true;
+    refuser.join();
+    listener.reset();
+    ::unlink(path.constData());
+    ASSERT_TRUE(retried) << "the subscription gave up after " << attempts.load() << " attempts";
+    EXPECT_TRUE(recorder->events().empty());  // an unanswered hello reports nothing
+
     ASSERT_TRUE(emulator->start());
     auto device = attachNewDevice();
     ASSERT_TRUE(recorder->waitForCount(1));
     EXPECT_EQ(recorder->events()[0].identifier, device->identifier());
     EXPECT_EQ(recorder->events()[0].msg, kHLDNotificationConnected);
+    EXPECT_EQ(recorder->events().size(), 1u);
+}
+
+// The record the callback receives: the reference at offset 0, the message right behind it.
+static_assert(offsetof(HLDeviceNotificationInfo, device) == 0);
+static_assert(offsetof(HLDeviceNotificationInfo, msg) == sizeof(void*));
+static_assert(sizeof(HLDeviceRef) == sizeof(void*) && sizeof(HLDeviceNotificationInfo::msg) == 4);
+
+TEST_F(Events, AReferenceTheCallerRetainedOutlivesTheSubscription) {
+    auto device = attachNewDevice(QStringLiteral("Kept"));
+    struct State {
+        HLDeviceRef kept = nullptr;
+        bool layoutHolds = false;
+    } state;
+    auto callback = [](HLDeviceNotificationInfo* info, void* context) {
+        auto* s = static_cast<State*>(context);
+        // Read the record as raw memory, the way a caller that knows only the layout does.
+        const char* raw = reinterpret_cast<const char*>(info);
+        HLDeviceRef atZero;
+        uint32_t behind;
+        std::memcpy(&atZero, raw, sizeof atZero);
+        std::memcpy(&behind, raw + sizeof(void*), sizeof behind);
+        s->layoutHolds = atZero == info->device && behind == kHLDNotificationConnected;
+        if (!s->kept) {
+            HLDeviceRetain(info->device);
+            s->kept = info->device;
+        }
+    };
+    HLDeviceNotificationRef handle = nullptr;
+    ASSERT_EQ(HLDeviceNotificationSubscribe(callback, 0, 1, &state, &handle), kHLDSuccess);
+    ASSERT_TRUE(testsupport::runUntil([&] { return state.kept != nullptr; }));
+    EXPECT_TRUE(state.layoutHolds);
+    EXPECT_EQ(state.kept->references.load(), 2);  // the subscription's and ours
+    ASSERT_EQ(HLDeviceNotificationUnsubscribe(handle), kHLDSuccess);
+
+    // The subscription let go of its count; ours keeps the reference, which still names itself
+    // and still reaches the device.
+    EXPECT_EQ(state.kept->references.load(), 1);
+    EXPECT_EQ(HLDeviceCopyDeviceIdentifier(state.kept), device->identifier());
+    EXPECT_EQ(HLDeviceConnect(state.kept), kHLDSuccess);
+    EXPECT_EQ(HLDeviceDisconnect(state.kept), kHLDSuccess);
+    EXPECT_EQ(device->count(QStringLiteral("connect")), 1);
+    HLDeviceRelease(state.kept);
 }
 
 TEST_F(Events, UnsubscribeEndsDeliveryAlsoFromInsideTheCallback) {

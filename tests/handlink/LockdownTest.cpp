@@ -28,6 +28,23 @@ protected:
     HLDeviceRef ref = nullptr;
 };
 
+// A reference whose device is gone: every call that needs the device answers not-connected,
+// whatever the sequence would have answered, and nothing reaches a device.
+void expectGone(HLDeviceRef ref) {
+    EXPECT_EQ(HLDeviceConnect(ref), kHLDNotConnectedError);
+    EXPECT_EQ(HLDeviceDisconnect(ref), kHLDNotConnectedError);
+    EXPECT_EQ(HLDevicePair(ref), kHLDNotConnectedError);
+    EXPECT_EQ(HLDeviceStartSession(ref), kHLDNotConnectedError);
+    EXPECT_EQ(HLDeviceStopSession(ref), kHLDNotConnectedError);
+    EXPECT_EQ(HLDeviceSetValue(ref, QString(), QStringLiteral("DeviceName"), QStringLiteral("x")), kHLDNotConnectedError);
+    int socket = 1234;
+    EXPECT_EQ(HLDeviceStartService(ref, QStringLiteral("com.corvid.mobile.notification_proxy"), &socket, nullptr),
+              kHLDNotConnectedError);
+    EXPECT_EQ(socket, -1);
+    EXPECT_FALSE(HLDeviceCopyValue(ref, QString(), QStringLiteral("DeviceName")).isValid());
+    EXPECT_FALSE(HLDeviceIsPaired(ref));
+}
+
 }  // namespace
 
 TEST_F(Lockdown, FullSequenceOnANewDevice) {
@@ -260,11 +277,69 @@ TEST_F(Lockdown, DetachDuringADelayedCallAnswersNotConnectedPromptly) {
     EXPECT_EQ(status.load(), kHLDNotConnectedError);
     EXPECT_EQ(device->value(QString(), QStringLiteral("DeviceName")).toString(), QStringLiteral("Lab Tamber"));
 
-    // The reference stays valid and answers without the device.
+    // The reference stays valid; every call that needs the device answers not-connected.
     EXPECT_EQ(HLDeviceCopyDeviceIdentifier(ref), device->identifier());
-    EXPECT_EQ(HLDeviceStopSession(ref), kHLDSessionInactiveError);
-    EXPECT_EQ(HLDeviceConnect(ref), kHLDNotConnectedError);
-    EXPECT_FALSE(HLDeviceIsPaired(ref));
+    expectGone(ref);
+}
+
+TEST_F(Lockdown, AReferenceWithoutAConnectionIsGoneOnceItsDetachIsReported) {
+    const QString identifier = device->identifier();
+    ASSERT_TRUE(emulator->detach(identifier));
+    ASSERT_TRUE(recorder->waitForCount(2));
+    ASSERT_EQ(recorder->events()[1].msg, kHLDNotificationDisconnected);
+    expectGone(ref);
+    EXPECT_EQ(HLDeviceCopyDeviceIdentifier(ref), identifier);
+}
+
+TEST_F(Lockdown, AfterTheDaemonWentAwayTheOldReferenceStaysGone) {
+    openSession(ref);
+    const QString folder = device->folder();
+    const QString identifier = device->identifier();
+    emulator->stop();
+    ASSERT_TRUE(recorder->waitForCount(2));
+    expectGone(ref);
+
+    // A new daemon with the device (its attachment numbers start over): the reference of
+    // before never reaches it, the new one does.
+    emulator = std::make_unique<handlink::emu::Emulator>(socketPath());
+    ASSERT_TRUE(emulator->start());
+    auto again = emulator->attach(folder);
+    ASSERT_TRUE(again);
+    ASSERT_TRUE(recorder->waitForCount(3));
+    HLDeviceRef fresh = recorder->lastAttached(identifier);
+    ASSERT_NE(fresh, ref);
+    expectGone(ref);
+    EXPECT_EQ(again->count(QStringLiteral("connect")), 0);
+    openSession(fresh);
+    EXPECT_EQ(HLDeviceCopyValue(fresh, QString(), QStringLiteral("DeviceName")).toString(), QStringLiteral("Lab Tamber"));
+    closeSession(fresh);
+}
+
+TEST_F(Lockdown, TwoFaultsOnOneOperationEachCountTheirOwnAfter) {
+    openSession(ref);
+    const QString key = QStringLiteral("com.example.faults");
+    // The first strikes the third call, the second the first call.
+    device->addFault(Fault{QStringLiteral("set-value"), kHLDBusyError, 1, 2, QString()});
+    device->addFault(Fault{QStringLiteral("set-value"), kHLDTimeOutError, 1, 0, QString()});
+    EXPECT_EQ(HLDeviceSetValue(ref, key, QStringLiteral("a"), 1), kHLDTimeOutError);
+    EXPECT_EQ(HLDeviceSetValue(ref, key, QStringLiteral("b"), 2), kHLDSuccess);
+    EXPECT_EQ(HLDeviceSetValue(ref, key, QStringLiteral("c"), 3), kHLDBusyError);
+    EXPECT_EQ(HLDeviceSetValue(ref, key, QStringLiteral("d"), 4), kHLDSuccess);
+
+    // With matches: each fault counts only the calls it matches.
+    device->addFault(Fault{QStringLiteral("set-value"), kHLDBusyError, 1, 1, QStringLiteral("x")});
+    device->addFault(Fault{QStringLiteral("set-value"), kHLDTimeOutError, 2, 1, QStringLiteral("y")});
+    EXPECT_EQ(HLDeviceSetValue(ref, key, QStringLiteral("y"), 1), kHLDSuccess);      // y lets it through
+    EXPECT_EQ(HLDeviceSetValue(ref, key, QStringLiteral("x"), 1), kHLDSuccess);      // x lets it through
+    EXPECT_EQ(HLDeviceSetValue(ref, key, QStringLiteral("y"), 2), kHLDTimeOutError);
+    EXPECT_EQ(HLDeviceSetValue(ref, key, QStringLiteral("x"), 2), kHLDBusyError);
+    EXPECT_EQ(HLDeviceSetValue(ref, key, QStringLiteral("y"), 3), kHLDTimeOutError);
+    EXPECT_EQ(HLDeviceSetValue(ref, key, QStringLiteral("x"), 3), kHLDSuccess);
+    EXPECT_EQ(HLDeviceSetValue(ref, key, QStringLiteral("y"), 4), kHLDSuccess);
+    EXPECT_EQ(device->value(key, QStringLiteral("x")), QVariant(qint64(3)));
+    EXPECT_EQ(device->value(key, QStringLiteral("y")).typeId(), QMetaType::LongLong);
+    EXPECT_EQ(device->value(key, QStringLiteral("y")).toLongLong(), 4);
+    closeSession(ref);
 }
 
 TEST_F(Lockdown, ThreadsSharingOneReferenceTakeTurns) {

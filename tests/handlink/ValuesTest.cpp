@@ -1,9 +1,13 @@
 // Device values: the values a new device has, typed round trips through the library and
 // through device.plist, read-only identity keys.
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QTimeZone>
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <limits>
 
 #include "HandlinkTestbed.h"
 #include "handlink/emulator/DeviceFolder.h"
@@ -42,20 +46,79 @@ protected:
     HLDeviceRef ref = nullptr;
 };
 
-QVariantMap sampleValues() {
-    QVariantMap nested;
-    nested.insert(QStringLiteral("depth"), qint64(2));
-    nested.insert(QStringLiteral("when"), QDateTime(QDate(2008, 7, 11), QTime(9, 0, 0), QTimeZone::utc()));
+// One value of every property-list type, with the cases where types get confused: a real with
+// an integral value, integers 0 and 1 beside false and true, empty texts, data and containers.
+QVariantMap scalars() {
     QVariantMap values;
     values.insert(QStringLiteral("string"), QStringLiteral("Grüße, \"quoted\" & <tagged>"));
+    values.insert(QStringLiteral("string-empty"), QString(QLatin1String("")));
+    values.insert(QStringLiteral("string-digits"), QStringLiteral("42"));
     values.insert(QStringLiteral("integer"), qint64(-5000000000LL));
+    values.insert(QStringLiteral("integer-max"), std::numeric_limits<qint64>::max());
+    values.insert(QStringLiteral("integer-0"), qint64(0));
+    values.insert(QStringLiteral("integer-1"), qint64(1));
     values.insert(QStringLiteral("real"), 0.125);
-    values.insert(QStringLiteral("bool"), true);
+    values.insert(QStringLiteral("real-integral"), 2.0);
+    values.insert(QStringLiteral("real-0"), 0.0);
+    values.insert(QStringLiteral("true"), true);
+    values.insert(QStringLiteral("false"), false);
     values.insert(QStringLiteral("date"), QDateTime(QDate(2024, 2, 29), QTime(23, 59, 58), QTimeZone::utc()));
     values.insert(QStringLiteral("data"), QByteArray("\x00\x01\x02\xfe\xff", 5));
-    values.insert(QStringLiteral("array"), QVariantList{QStringLiteral("a"), qint64(1), false, QVariantList{2.5}});
-    values.insert(QStringLiteral("dict"), nested);
+    values.insert(QStringLiteral("data-empty"), QByteArray(""));
+    values.insert(QStringLiteral("array-empty"), QVariantList());
+    values.insert(QStringLiteral("dict-empty"), QVariantMap());
     return values;
+}
+
+// Every scalar at the top, and again inside an array and a dictionary, nested both ways.
+QVariantMap sampleValues() {
+    const QVariantMap flat = scalars();
+    QVariantList array = flat.values();
+    array.append(QVariantList{flat.value(QStringLiteral("real-integral")), flat.value(QStringLiteral("integer-1")),
+                              QVariantList{flat.value(QStringLiteral("true"))}});
+    array.append(flat);
+    QVariantMap dict = flat;
+    dict.insert(QStringLiteral("array"), flat.values());
+    QVariantMap inner = flat;
+    inner.insert(QStringLiteral("deeper"), QVariantList{flat});
+    dict.insert(QStringLiteral("dict"), inner);
+    QVariantMap values = flat;
+    values.insert(QStringLiteral("array"), array);
+    values.insert(QStringLiteral("dict"), dict);
+    return values;
+}
+
+// Compares type and value, element by element: QVariant's == compares numbers across types
+// (an integer 2 equals a real 2.0, true equals 1), so it cannot tell a type that changed.
+void expectSameTyped(const QVariant& actual, const QVariant& expected, const QString& where) {
+    if (actual.typeId() != expected.typeId()) {
+        ADD_FAILURE() << where.toStdString() << ": " << (actual.typeName() ? actual.typeName() : "no value")
+                      << " instead of " << expected.typeName();
+        return;
+    }
+    switch (expected.typeId()) {
+    case QMetaType::QVariantList: {
+        const QVariantList a = actual.toList(), e = expected.toList();
+        if (a.size() != e.size()) {
+            ADD_FAILURE() << where.toStdString() << ": " << a.size() << " items instead of " << e.size();
+            return;
+        }
+        for (qsizetype i = 0; i < e.size(); ++i) expectSameTyped(a[i], e[i], QStringLiteral("%1[%2]").arg(where).arg(i));
+        return;
+    }
+    case QMetaType::QVariantMap: {
+        const QVariantMap a = actual.toMap(), e = expected.toMap();
+        EXPECT_EQ(a.keys(), e.keys()) << where.toStdString();
+        for (auto it = e.begin(); it != e.end(); ++it)
+            if (a.contains(it.key())) expectSameTyped(a.value(it.key()), it.value(), where + QLatin1Char('.') + it.key());
+        return;
+    }
+    case QMetaType::Double:
+        EXPECT_EQ(actual.toDouble(), expected.toDouble()) << where.toStdString();
+        return;
+    default:
+        EXPECT_EQ(actual, expected) << where.toStdString();  // the same type by now
+    }
 }
 
 }  // namespace
@@ -107,6 +170,22 @@ TEST_F(Values, ADeviceOfEachClass) {
     EXPECT_FALSE(emulator->attach(folder, &error));
 }
 
+TEST_F(Values, TheComparisonTellsTypesApart) {
+    // What the round trips below rely on: QVariant's own == would let these pass.
+    ASSERT_EQ(QVariant(qint64(2)), QVariant(2.0));
+    ::testing::TestPartResultArray failures;
+    {
+        ::testing::ScopedFakeTestPartResultReporter reporter(::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD,
+                                                             &failures);
+        expectSameTyped(QVariant(qint64(2)), QVariant(2.0), QStringLiteral("top"));
+        expectSameTyped(QVariantList{QVariantMap{{QStringLiteral("k"), qint64(1)}}},
+                        QVariantList{QVariantMap{{QStringLiteral("k"), true}}}, QStringLiteral("nested"));
+        expectSameTyped(QVariantList{qint64(1)}, QVariantList{qint64(1), qint64(2)}, QStringLiteral("short"));
+    }
+    ASSERT_EQ(failures.size(), 3);
+    EXPECT_NE(std::string(failures.GetTestPartResult(1).message()).find("nested[0].k"), std::string::npos);
+}
+
 TEST_F(Values, TypedValuesRoundTripThroughTheLibraryAndDevicePlist) {
     const QVariantMap values = sampleValues();
     for (auto it = values.begin(); it != values.end(); ++it) {
@@ -114,11 +193,12 @@ TEST_F(Values, TypedValuesRoundTripThroughTheLibraryAndDevicePlist) {
         ASSERT_EQ(HLDeviceSetValue(ref, QString(), QStringLiteral("custom.") + it.key(), it.value()), kHLDSuccess);
     }
     for (auto it = values.begin(); it != values.end(); ++it) {
-        const QVariant back = HLDeviceCopyValue(ref, QStringLiteral("com.example.types"), it.key());
-        EXPECT_EQ(back.typeId(), it.value().typeId()) << it.key().toStdString();
-        EXPECT_EQ(back, it.value()) << it.key().toStdString();
-        EXPECT_EQ(HLDeviceCopyValue(ref, QString(), QStringLiteral("custom.") + it.key()), it.value());
+        expectSameTyped(HLDeviceCopyValue(ref, QStringLiteral("com.example.types"), it.key()), it.value(), it.key());
+        expectSameTyped(HLDeviceCopyValue(ref, QString(), QStringLiteral("custom.") + it.key()), it.value(),
+                        QStringLiteral("custom.") + it.key());
     }
+    expectSameTyped(HLDeviceCopyValue(ref, QStringLiteral("com.example.types"), QString()), values, QStringLiteral("domain"));
+
     // device.plist holds them with their types, so a new emulator run reads them back alike.
     const QString folder = device->folder();
     const QString identifier = device->identifier();
@@ -131,18 +211,69 @@ TEST_F(Values, TypedValuesRoundTripThroughTheLibraryAndDevicePlist) {
     ref = refFor(identifier);
     ASSERT_TRUE(ref);
     openSession(ref);
-    EXPECT_EQ(HLDeviceCopyValue(ref, QStringLiteral("com.example.types"), QString()), QVariant(values));
+    expectSameTyped(HLDeviceCopyValue(ref, QStringLiteral("com.example.types"), QString()), values,
+                    QStringLiteral("after restart"));
+    for (auto it = values.begin(); it != values.end(); ++it)
+        expectSameTyped(HLDeviceCopyValue(ref, QString(), QStringLiteral("custom.") + it.key()), it.value(),
+                        QStringLiteral("after restart: custom.") + it.key());
     const auto plist = platform::plist::readFile(handlink::emu::folder::plistPath(folder));
     ASSERT_TRUE(plist);
-    EXPECT_EQ(plist->toMap().value(QStringLiteral("Domains")).toMap().value(QStringLiteral("com.example.types")), QVariant(values));
+    expectSameTyped(plist->toMap().value(QStringLiteral("Domains")).toMap().value(QStringLiteral("com.example.types")), values,
+                    QStringLiteral("device.plist"));
+}
+
+TEST_F(Values, AValueChangesOnlyOnceDevicePlistHoldsIt) {
+    const QString domain = QStringLiteral("com.example.disk");
+    ASSERT_EQ(HLDeviceSetValue(ref, domain, QStringLiteral("kept"), QStringLiteral("before")), kHLDSuccess);
+    device->setPairing(QStringLiteral("forget"));
+
+    // A folder where device.plist was: no write can succeed.
+    const QString plist = handlink::emu::folder::plistPath(device->folder());
+    ASSERT_TRUE(QFile::rename(plist, plist + QStringLiteral(".aside")));
+    ASSERT_TRUE(QDir().mkpath(plist + QStringLiteral("/blocker")));
+    EXPECT_EQ(HLDeviceSetValue(ref, QString(), QStringLiteral("DeviceName"), QStringLiteral("Unsaved")), kHLDWriteError);
+    EXPECT_EQ(HLDeviceSetValue(ref, domain, QStringLiteral("kept"), QStringLiteral("after")), kHLDWriteError);
+    EXPECT_EQ(HLDeviceSetValue(ref, domain, QStringLiteral("new"), 1), kHLDWriteError);
+    EXPECT_EQ(HLDeviceSetValue(ref, QStringLiteral("com.example.fresh"), QStringLiteral("k"), 1), kHLDWriteError);
+    EXPECT_EQ(HLDevicePair(ref), kHLDWriteError);
+
+    EXPECT_EQ(HLDeviceCopyValue(ref, QString(), QStringLiteral("DeviceName")).toString(), QStringLiteral("Values Tamber"));
+    EXPECT_EQ(device->value(domain, QStringLiteral("kept")).toString(), QStringLiteral("before"));
+    EXPECT_FALSE(device->value(domain, QStringLiteral("new")).isValid());
+    EXPECT_FALSE(HLDeviceCopyValue(ref, domain, QStringLiteral("new")).isValid());
+    EXPECT_FALSE(device->value(QStringLiteral("com.example.fresh"), QStringLiteral("k")).isValid());
+    EXPECT_FALSE(HLDeviceIsPaired(ref));
+
+    // Once device.plist can be written again, the next change saves what the device holds:
+    // none of the failed changes.
+    ASSERT_TRUE(QDir(plist).removeRecursively());
+    ASSERT_TRUE(QFile::rename(plist + QStringLiteral(".aside"), plist));
+    ASSERT_EQ(HLDeviceSetValue(ref, domain, QStringLiteral("later"), true), kHLDSuccess);
+    const auto saved = platform::plist::readFile(plist);
+    ASSERT_TRUE(saved);
+    const QVariantMap root = saved->toMap();
+    EXPECT_EQ(root.value(QStringLiteral("Values")).toMap().value(QStringLiteral("DeviceName")).toString(), QStringLiteral("Values Tamber"));
+    const QVariantMap domains = root.value(QStringLiteral("Domains")).toMap();
+    EXPECT_FALSE(domains.contains(QStringLiteral("com.example.fresh")));
+    QVariantMap expected;
+    expected.insert(QStringLiteral("kept"), QStringLiteral("before"));
+    expected.insert(QStringLiteral("later"), true);
+    expectSameTyped(domains.value(domain), expected, domain);
+    EXPECT_TRUE(root.value(QStringLiteral("PairingRecords")).toMap().isEmpty());
 }
 
 TEST_F(Values, IdentityKeysAreReadOnly) {
-    const QVariant udid = HLDeviceCopyValue(ref, QString(), QStringLiteral("UniqueDeviceID"));
-    EXPECT_EQ(HLDeviceSetValue(ref, QString(), QStringLiteral("UniqueDeviceID"), QStringLiteral("forged")), kHLDSetProhibitedError);
-    EXPECT_EQ(HLDeviceSetValue(ref, QString(), QStringLiteral("SerialNumber"), QStringLiteral("forged")), kHLDSetProhibitedError);
-    EXPECT_EQ(HLDeviceSetValue(ref, QString(), QStringLiteral("DeviceClass"), QStringLiteral("Zephyr")), kHLDSetProhibitedError);
-    EXPECT_EQ(HLDeviceCopyValue(ref, QString(), QStringLiteral("UniqueDeviceID")), udid);
+    const char* const readOnly[] = {"UniqueDeviceID", "SerialNumber", "DeviceClass", "ProductType", "ModelNumber",
+                                    "InternationalMobileEquipmentIdentity", "WiFiAddress", "BluetoothAddress"};
+    for (const char* key : readOnly) {
+        const QString name = QLatin1String(key);
+        const QVariant before = HLDeviceCopyValue(ref, QString(), name);
+        ASSERT_TRUE(before.isValid()) << key;
+        EXPECT_EQ(HLDeviceSetValue(ref, QString(), name, QStringLiteral("forged")), kHLDSetProhibitedError) << key;
+        expectSameTyped(HLDeviceCopyValue(ref, QString(), name), before, name);
+        expectSameTyped(device->value(QString(), name), before, name);
+    }
+    EXPECT_EQ(device->count(QStringLiteral("set-value")), int(std::size(readOnly)));
     // The same key in another domain is an ordinary key; the name is not read-only.
     EXPECT_EQ(HLDeviceSetValue(ref, QStringLiteral("com.example"), QStringLiteral("SerialNumber"), QStringLiteral("mine")), kHLDSuccess);
     EXPECT_EQ(HLDeviceSetValue(ref, QString(), QStringLiteral("DeviceName"), QStringLiteral("Renamed")), kHLDSuccess);
@@ -150,4 +281,5 @@ TEST_F(Values, IdentityKeysAreReadOnly) {
     // Neither an empty key nor "no value" can be set.
     EXPECT_EQ(HLDeviceSetValue(ref, QString(), QString(), QStringLiteral("x")), kHLDInvalidArgumentError);
     EXPECT_EQ(HLDeviceSetValue(ref, QString(), QStringLiteral("Nothing"), QVariant()), kHLDInvalidArgumentError);
+    EXPECT_FALSE(device->value(QString(), QStringLiteral("Nothing")).isValid());
 }

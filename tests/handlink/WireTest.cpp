@@ -2,6 +2,7 @@
 #include <QCborArray>
 #include <QCborMap>
 #include <QDateTime>
+#include <QSize>
 #include <QTimeZone>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -185,6 +186,26 @@ TEST(WireValues, EveryPropertyListTypeKeepsItsType) {
     // Nothing, and what a property list cannot hold, is "no value".
     EXPECT_FALSE(fromCbor(toCbor(QVariant())).isValid());
     EXPECT_FALSE(fromCbor(QCborValue(QCborValue::Null)).isValid());
+}
+
+TEST(WireValues, NoValueIsTheAbsenceOfTheField) {
+    QCborMap map;
+    insertValue(&map, QStringLiteral("value"), QVariant());
+    EXPECT_FALSE(map.contains(QStringLiteral("value")));
+    insertValue(&map, QStringLiteral("value"), QVariant::fromValue(QSize(1, 2)));  // not a property-list type
+    EXPECT_FALSE(map.contains(QStringLiteral("value")));
+    EXPECT_TRUE(map.isEmpty());
+    EXPECT_FALSE(valueField(map, QStringLiteral("value")).isValid());
+
+    // Falsy values are values all the same.
+    for (const QVariant& value : {QVariant(false), QVariant(qint64(0)), QVariant(QString(QLatin1String(""))),
+                                  QVariant(QByteArray("")), QVariant(QVariantList())}) {
+        QCborMap with;
+        insertValue(&with, QStringLiteral("value"), value);
+        ASSERT_TRUE(with.contains(QStringLiteral("value"))) << value.typeName();
+        const QVariant back = valueField(QCborValue::fromCbor(QCborValue(with).toCbor()).toMap(), QStringLiteral("value"));
+        EXPECT_EQ(back.typeId(), value.typeId() == QMetaType::Int ? QMetaType::LongLong : value.typeId()) << value.typeName();
+    }
 }
 
 TEST(WireFd, UniqueFdClosesOnceAndMoves) {
