@@ -1,7 +1,10 @@
 // The class side of LinkDev: the device registry.
 #include <QList>
 #include <algorithm>
+#include <condition_variable>
 #include <mutex>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "device/LinkDev.h"
@@ -12,10 +15,14 @@ namespace {
 
 // One per process, created on first use and never freed.
 struct Registry {
-    std::mutex mutex;                          // guards the three fields below
+    std::mutex mutex;                          // guards the fields below
     std::vector<LinkDevObserver*> observers;   // a set by pointer; not owned
     QList<HLDeviceRef> devices;                // attached devices, in order of arrival; retained
     bool subscribed = false;
+    // Observers being told right now, and on which thread. An observer that unregisters on
+    // another thread waits until its call is over, so it can be destroyed right after.
+    std::vector<std::pair<LinkDevObserver*, std::thread::id>> calling;
+    std::condition_variable callEnded;
 };
 
 Registry& registry()
@@ -40,11 +47,35 @@ qsizetype indexOfDevice(const QList<HLDeviceRef>& devices, HLDeviceRef device)
     return -1;
 }
 
-bool isRegistered(LinkDevObserver* observer)
+bool isRegisteredLocked(const Registry& r, LinkDevObserver* observer)
+{
+    return std::find(r.observers.begin(), r.observers.end(), observer) != r.observers.end();
+}
+
+// Tells the observer if it is still registered; its unregistration on another thread waits
+// for the call to end.
+void tellIfRegistered(LinkDevObserver* observer)
 {
     Registry& r = registry();
-    std::lock_guard guard(r.mutex);
-    return std::find(r.observers.begin(), r.observers.end(), observer) != r.observers.end();
+    const std::pair<LinkDevObserver*, std::thread::id> call{observer, std::this_thread::get_id()};
+    {
+        std::lock_guard guard(r.mutex);
+        if (!isRegisteredLocked(r, observer)) return;
+        r.calling.push_back(call);
+    }
+    struct EndCall {
+        Registry& r;
+        std::pair<LinkDevObserver*, std::thread::id> call;
+        ~EndCall()
+        {
+            {
+                std::lock_guard guard(r.mutex);
+                r.calling.erase(std::find(r.calling.begin(), r.calling.end(), call));
+            }
+            r.callEnded.notify_all();
+        }
+    } endCall{r, call};
+    SetApplyPostAvailabiltyChangedFunction(observer, nullptr);
 }
 
 void subscribe()
@@ -102,8 +133,16 @@ void LinkDev::registerDeviceObserver(LinkDevObserver* observer)
 void LinkDev::unregisterDeviceObserver(LinkDevObserver* observer)
 {
     Registry& r = registry();
-    std::lock_guard guard(r.mutex);
+    std::unique_lock lock(r.mutex);
     r.observers.erase(std::remove(r.observers.begin(), r.observers.end(), observer), r.observers.end());
+    // A call to this observer on another thread may be under way: wait for it to end, so the
+    // caller may destroy the observer at once. A call on this thread (the observer
+    // unregistering from inside its own notification) is not waited for.
+    const auto self = std::this_thread::get_id();
+    r.callEnded.wait(lock, [&] {
+        return std::none_of(r.calling.begin(), r.calling.end(),
+                            [&](const auto& call) { return call.first == observer && call.second != self; });
+    });
 }
 
 std::shared_ptr<LinkDev> LinkDev::firstAvailableDevice()
@@ -150,8 +189,7 @@ void LinkDev::_noteDeviceAvailabilityDidChange(HLDeviceRef device, bool availabl
     }
     // Told outside the lock (an observer asks the registry again); one that unregistered
     // while others were told is skipped.
-    for (LinkDevObserver* observer : observers)
-        if (isRegistered(observer)) SetApplyPostAvailabiltyChangedFunction(observer, nullptr);
+    for (LinkDevObserver* observer : observers) tellIfRegistered(observer);
 }
 
 void HandleDeviceNotification(HLDeviceNotificationInfo* info, void* /*context*/)

@@ -2,6 +2,8 @@
 // Runs in a binary of its own: the first test needs a process that has not subscribed yet.
 #include <QCoreApplication>
 #include <QThread>
+#include <atomic>
+#include <chrono>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <thread>
@@ -55,6 +57,36 @@ public:
 private:
     mutable std::mutex _mutex;  // guards _threads
     std::vector<QThread*> _threads;
+};
+
+// When told, hands its own unregistration and destruction to a worker (as a sync simulator
+// dropped on a worker does) and notes whether that unregistration returned while the call
+// was still under way.
+class SelfRetiringObserver : public LinkDevObserver {
+public:
+    void handlinkAvailabliltyDidChange() override
+    {
+        if (worker.joinable()) return;
+        std::atomic<bool>& entered = unregistering;
+        std::atomic<bool>& done = unregistered;
+        worker = std::thread([this, &entered, &done] {
+            entered = true;
+            LinkDev::unregisterDeviceObserver(this);
+            done = true;
+            delete this;  // allowed once unregistration has returned
+        });
+        while (!entered) std::this_thread::yield();
+        // Give the worker every chance to get through unregistration; it must wait for us.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        returnedDuringCall = done.load();
+        workerOut = std::move(worker);
+    }
+    static inline std::atomic<bool> unregistering{false}, unregistered{false};
+    static inline bool returnedDuringCall = false;
+    static inline std::thread workerOut;
+
+private:
+    std::thread worker;
 };
 
 // Sends one event record to the library callback, the way the library does.
@@ -260,6 +292,19 @@ TEST(Registry, ObserverRegisteredFromAWorkerIsToldAtOnce)
     leaver.join();
     bed.detach(device);
     EXPECT_EQ(observer.calls, 1);
+}
+
+TEST(Registry, UnregisteringOnAnotherThreadWaitsForTheCallUnderWay)
+{
+    Testbed& bed = Testbed::instance();
+    LinkDev::registerDeviceObserver(new SelfRetiringObserver);  // deletes itself
+    auto device = bed.attachNewDevice();
+    ASSERT_TRUE(device);
+    ASSERT_TRUE(SelfRetiringObserver::workerOut.joinable());
+    SelfRetiringObserver::workerOut.join();
+    EXPECT_TRUE(SelfRetiringObserver::unregistered);
+    EXPECT_FALSE(SelfRetiringObserver::returnedDuringCall);
+    bed.detach(device);  // the observer is gone and not told again
 }
 
 TEST(Registry, EventsReachObserversOnTheMainThread)
