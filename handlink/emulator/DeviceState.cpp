@@ -109,17 +109,27 @@ void DeviceState::countCall(const QString& operation) {
 
 void DeviceState::addFault(const Fault& fault) {
     if (fault.times <= 0) return;
-    std::lock_guard lock(_mutex);
-    _faults.push_back(fault);
+    std::vector<std::function<void(const QString&)>> listeners;
+    {
+        std::lock_guard lock(_mutex);
+        _faults.push_back(fault);
+        for (const auto& entry : _armListeners) listeners.push_back(entry.second);
+    }
+    for (const auto& listener : listeners) listener(fault.operation);
 }
 
 void DeviceState::delay(const QString& operation, int milliseconds, int times) {
-    std::lock_guard lock(_mutex);
-    if (milliseconds <= 0 || times <= 0) {
-        _delays.erase(operation);
-        return;
+    std::vector<std::function<void(const QString&)>> listeners;
+    {
+        std::lock_guard lock(_mutex);
+        if (milliseconds <= 0 || times <= 0) {
+            _delays.erase(operation);
+            return;
+        }
+        _delays[operation] = Delay{milliseconds, times};
+        for (const auto& entry : _armListeners) listeners.push_back(entry.second);
     }
-    _delays[operation] = Delay{milliseconds, times};
+    for (const auto& listener : listeners) listener(operation);
 }
 
 void DeviceState::clearFaults() {
@@ -311,6 +321,23 @@ void DeviceState::removePostListener(int token) {
     for (auto it = _postListeners.begin(); it != _postListeners.end(); ++it) {
         if (it->first == token) {
             _postListeners.erase(it);
+            return;
+        }
+    }
+}
+
+int DeviceState::addArmListener(std::function<void(const QString&)> listener) {
+    std::lock_guard lock(_mutex);
+    const int token = _nextListenerToken++;
+    _armListeners.emplace_back(token, std::move(listener));
+    return token;
+}
+
+void DeviceState::removeArmListener(int token) {
+    std::lock_guard lock(_mutex);
+    for (auto it = _armListeners.begin(); it != _armListeners.end(); ++it) {
+        if (it->first == token) {
+            _armListeners.erase(it);
             return;
         }
     }

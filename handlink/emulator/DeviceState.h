@@ -89,6 +89,12 @@ public:
     // shared_ptr or weak_ptr), not a raw pointer to an object about to be destroyed.
     int addPostListener(std::function<void(const QString&)> listener);
     void removePostListener(int token);
+    // Arm listeners: called with the operation's name after a fault or a delay of it was armed,
+    // on the arming thread, before addFault()/delay() return and without any lock of the device
+    // held. The file conduit uses them to tell its clients that names and file information they
+    // hold must reach the device again. The same caveat as for post listeners applies.
+    int addArmListener(std::function<void(const QString&)> listener);
+    void removeArmListener(int token);
 
     // Where the daemon prints its lines (set by the server at attach).
     void setPrinter(std::function<void(const QString&)> printer);
@@ -142,6 +148,7 @@ private:
     std::vector<Fault> _faults;
     std::map<QString, Delay> _delays;
     std::vector<std::pair<int, std::function<void(const QString&)>>> _postListeners;
+    std::vector<std::pair<int, std::function<void(const QString&)>>> _armListeners;
     int _nextListenerToken = 1;
     std::function<void(const QString&)> _printer;
     std::map<int, int> _connections;  // token -> descriptor
