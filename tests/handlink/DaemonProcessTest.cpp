@@ -15,6 +15,11 @@
 
 using namespace hltest;
 
+// The tests start handlinkd and handlinkctl with QProcess, which forks this threaded process
+// and execs at once, and start threads of their own afterwards; ThreadSanitizer would otherwise
+// stop at the first thread after a fork.
+extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+
 namespace {
 
 const QString kBin = QStringLiteral(HANDLINK_BIN_DIR);
