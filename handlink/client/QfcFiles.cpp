@@ -43,6 +43,8 @@ HLDStatus QFCFileRefOpen(QFCConnectionRef connection, const char* path, uint64_t
     if (status != kQFCSuccess) return status;
     const qint64 ref = answer.value(QStringLiteral("ref")).toInteger(-1);
     if (ref <= 0) return kQFCUnknownPacketError;
+    // A file made by this open: what batches say about it (or its folder) is out of date.
+    if (answer.value(QStringLiteral("created")).toBool()) connection->dropBatchInformation();
     *outRef = static_cast<QFCFileRef>(ref);
     return kQFCSuccess;
 }
@@ -86,9 +88,15 @@ HLDStatus QFCFileRefClose(QFCConnectionRef connection, QFCFileRef ref) {
 }
 
 HLDStatus QFCRemovePath(QFCConnectionRef connection, const char* path) {
-    if (!path) return kQFCInvalidArgumentError;
-    QCborMap request;
+    if (!connection || !path) return kQFCInvalidArgumentError;
+    QCborMap request, answer;
     request.insert(QStringLiteral("op"), QStringLiteral("remove"));
     request.insert(QStringLiteral("path"), pathBytes(path));
-    return simpleCall(connection, request);
+    std::lock_guard lock(connection->mutex);
+    const HLDStatus status = connection->roundTrip(request, &answer);
+    // Removed here: no batch may describe it (or its folder as it was) any more. Every batch
+    // forgets its information, as a path reached through a link names an entry under another
+    // folder's name too.
+    if (status == kQFCSuccess) connection->dropBatchInformation();
+    return status;
 }

@@ -1,5 +1,6 @@
 // QFCFileInfoOpen and its key/value iterator. Information of an entry of an open directory is
-// answered from the directory's current batch; any other path costs one round trip.
+// answered from the directory's current batch while no qfc-info fault or delay was armed since
+// the batch was asked for (QfcConnection.h); any other path costs one round trip.
 #include <QCborMap>
 #include <algorithm>
 #include <cstring>
@@ -39,13 +40,13 @@ QFCKeyValue* makePairs(const Info& info) {
 }
 
 // The entry's information from a batch of an open directory, if one carries it (mutex held).
-const Info* batchInfo(const QFCConnection& connection, const std::string& key) {
+const Info* batchInfo(QFCConnection& connection, const std::string& key) {
     const size_t slash = key.rfind('/');
     const std::string folder = slash == std::string::npos ? std::string() : key.substr(0, slash);
     const std::string name = slash == std::string::npos ? key : key.substr(slash + 1);
     if (name.empty()) return nullptr;
     for (const auto& [handle, directory] : connection.directories) {
-        if (directory.key != folder) continue;
+        if (directory.key != folder || !connection.informationUsable(directory)) continue;
         const auto begin = directory.batch.begin() + static_cast<ptrdiff_t>(directory.sortedFrom);
         const auto it = std::lower_bound(begin, directory.batch.end(), name,
                                          [](const auto& entry, const std::string& n) { return entry.name < n; });

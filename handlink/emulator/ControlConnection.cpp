@@ -217,12 +217,19 @@ private:
 #ifdef VIREO_HANDLINK_HAVE_LOCK_HOLDERS
         // "wait": held for as long as this connection lasts (handlinkctl hold-lock).
         if (request.value(QStringLiteral("wait")).toBool()) {
-            if (holdLockForConnection(_fd, _device, text(request, "path"), options, &message)) return false;
-            return error(answer, kQFCWouldBlockError, message);
+            int32_t status = kQFCUndefinedError;
+            if (holdLockForConnection(_fd, _device, text(request, "path"), options, &message, &status)) return false;
+            return error(answer, status, message);
         }
-#endif
+        if (!_device->holdLockForControl(text(request, "path"), options, &message)) {
+            // No failure of the holder itself: it was made, but the device detached meanwhile.
+            const int32_t status = lastLockHolderFailure();
+            return error(answer, status ? status : kQFCNotConnectedError, message);
+        }
+#else
         if (!_device->holdLockForControl(text(request, "path"), options, &message))
-            return error(answer, kQFCWouldBlockError, message);
+            return error(answer, kQFCUndefinedError, message);
+#endif
         return ok(answer);
     }
 

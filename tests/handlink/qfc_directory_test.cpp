@@ -118,6 +118,95 @@ TEST_F(DirectoryTest, WhileAnInfoFaultIsArmedEveryInfoCallReachesTheDevice) {
     EXPECT_EQ(device->count("qfc-info"), 4);
 }
 
+TEST_F(DirectoryTest, AnInfoFaultArmedAfterTheBatchCameStillStrikesItsEntries) {
+    ASSERT_EQ(::mkdir(media("D").c_str(), 0755), 0);
+    for (const char* name : {"a", "b", "c"}) touch(media(std::string("D/") + name), "xy");
+    QFCDirectoryRef dir = 0;
+    ASSERT_EQ(QFCDirectoryOpen(conduit.connection, "D", &dir), kQFCSuccess);
+    HLDStatus status = 0;
+    EXPECT_EQ(infoPairs(conduit.connection, "D/a", &status)["st_size"], "2");
+    EXPECT_EQ(device->count("qfc-info"), 0);  // from the batch
+
+    handlink::emu::Fault fault;
+    fault.operation = "qfc-info";
+    fault.status = kQFCReadError;
+    fault.match = "D/b";
+    device->addFault(fault);
+    infoPairs(conduit.connection, "D/b", &status);
+    EXPECT_EQ(status, kQFCReadError);
+    EXPECT_EQ(device->count("qfc-info"), 1);
+    // The fault is spent, but the batch came before it was armed: its information is not
+    // trusted again; a new batch brings it along again.
+    EXPECT_EQ(infoPairs(conduit.connection, "D/c", &status)["st_size"], "2");
+    EXPECT_EQ(device->count("qfc-info"), 2);
+    EXPECT_EQ(QFCDirectoryClose(conduit.connection, dir), kQFCSuccess);
+    ASSERT_EQ(QFCDirectoryOpen(conduit.connection, "D", &dir), kQFCSuccess);
+    EXPECT_EQ(infoPairs(conduit.connection, "D/c", &status)["st_size"], "2");
+    EXPECT_EQ(device->count("qfc-info"), 2);
+
+    // A delay armed later sends the entries' information calls to the device as well.
+    device->delay("qfc-info", 1, 1);
+    EXPECT_EQ(infoPairs(conduit.connection, "D/a", &status)["st_size"], "2");
+    EXPECT_EQ(device->count("qfc-info"), 3);
+    EXPECT_EQ(QFCDirectoryClose(conduit.connection, dir), kQFCSuccess);
+}
+
+TEST_F(DirectoryTest, DirectoryReadsAreCountedAsTheClientMadeThem) {
+    ASSERT_EQ(::mkdir(media("D").c_str(), 0755), 0);
+    for (const char* name : {"a", "b", "c", "d"}) touch(media(std::string("D/") + name));
+    QFCDirectoryRef dir = 0;
+    ASSERT_EQ(QFCDirectoryOpen(conduit.connection, "D", &dir), kQFCSuccess);
+    const char* name = nullptr;
+    for (const char* expected : {".", "..", "a"}) {
+        ASSERT_EQ(QFCDirectoryRead(conduit.connection, dir, &name), kQFCSuccess);
+        EXPECT_STREQ(name, expected);
+    }
+    EXPECT_EQ(QFCDirectoryClose(conduit.connection, dir), kQFCSuccess);
+    // Three calls, not the six names and the end the first batch held.
+    EXPECT_EQ(device->count("qfc-dir-read"), 3);
+
+    // Reads after the end are calls as well.
+    HLDStatus status = 0;
+    EXPECT_EQ(listNames(conduit.connection, "D", &status).size(), 6u);
+    EXPECT_EQ(device->count("qfc-dir-read"), 3 + 7);
+    ASSERT_EQ(QFCDirectoryOpen(conduit.connection, "D", &dir), kQFCSuccess);
+    for (int i = 0; i < 8; ++i) ASSERT_EQ(QFCDirectoryRead(conduit.connection, dir, &name), kQFCSuccess);
+    EXPECT_EQ(name, nullptr);
+    EXPECT_EQ(QFCDirectoryClose(conduit.connection, dir), kQFCSuccess);
+    EXPECT_EQ(device->count("qfc-dir-read"), 3 + 7 + 8);
+}
+
+TEST_F(DirectoryTest, AListingFaultArmedAfterTheBatchCameStrikesTheNextRead) {
+    ASSERT_EQ(::mkdir(media("D").c_str(), 0755), 0);
+    for (const char* name : {"a", "b", "c", "d"}) touch(media(std::string("D/") + name));
+    QFCDirectoryRef dir = 0;
+    ASSERT_EQ(QFCDirectoryOpen(conduit.connection, "D", &dir), kQFCSuccess);
+    const char* name = nullptr;
+    ASSERT_EQ(QFCDirectoryRead(conduit.connection, dir, &name), kQFCSuccess);
+    ASSERT_EQ(QFCDirectoryRead(conduit.connection, dir, &name), kQFCSuccess);
+    EXPECT_STREQ(name, "..");
+
+    handlink::emu::Fault fault;
+    fault.operation = "qfc-dir-read";
+    fault.status = kQFCReadError;
+    fault.after = 1;  // "a" comes through, the read after it fails
+    fault.match = "D";
+    device->addFault(fault);
+    ASSERT_EQ(QFCDirectoryRead(conduit.connection, dir, &name), kQFCSuccess);
+    EXPECT_STREQ(name, "a");
+    EXPECT_EQ(QFCDirectoryRead(conduit.connection, dir, &name), kQFCReadError);
+    EXPECT_EQ(name, nullptr);
+    // The listing broke off there.
+    EXPECT_EQ(QFCDirectoryRead(conduit.connection, dir, &name), kQFCReadError);
+    EXPECT_EQ(QFCDirectoryClose(conduit.connection, dir), kQFCSuccess);
+    EXPECT_EQ(device->count("qfc-dir-read"), 5);
+
+    // With the fault spent, the next listing is whole.
+    HLDStatus status = 0;
+    EXPECT_EQ(listNames(conduit.connection, "D", &status).size(), 6u);
+    EXPECT_EQ(status, kQFCSuccess);
+}
+
 TEST_F(DirectoryTest, AListingFaultBreaksOffAfterTheNamesBeforeIt) {
     ASSERT_EQ(::mkdir(media("D").c_str(), 0755), 0);
     for (const char* name : {"a", "b", "c", "d"}) touch(media(std::string("D/") + name));

@@ -1,6 +1,7 @@
 // File calls of the conduit against a live emulated device: open, read, close, remove, file
 // information, counters and faults.
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "handlink/wire/Frame.h"
 #include "platform/PropertyList.h"
 #include "qfc_testbed.h"
 #include "support/TestSupport.h"
@@ -35,6 +37,23 @@ std::string pattern(size_t size) {
 }
 
 using FilesTest = ConduitTest;
+
+// One request written straight onto the conduit's socket (for what the C calls cannot say, such
+// as a NUL inside a path); the client library's wrapper is idle meanwhile.
+QCborMap rawCall(int fd, const QCborMap& request) {
+    QCborMap answer;
+    EXPECT_TRUE(handlink::wire::writeFrame(fd, request));
+    EXPECT_EQ(handlink::wire::readFrame(fd, &answer), handlink::wire::ReadResult::Ok);
+    return answer;
+}
+
+QCborMap pathRequest(const char* op, const QByteArray& path) {
+    QCborMap request;
+    request.insert(QStringLiteral("op"), QLatin1String(op));
+    request.insert(QStringLiteral("path"), path);
+    request.insert(QStringLiteral("mode"), 2);
+    return request;
+}
 
 TEST_F(FilesTest, ReadsAFileInTheCallersChunksThenZeroAtTheEnd) {
     const std::string data = pattern(1200000);
@@ -227,29 +246,183 @@ TEST_F(FilesTest, ADeviceWhoseFileSystemKeepsNoBirthTimesLeavesTheKeyOut) {
     EXPECT_EQ(pairs["st_size"], "1");
 }
 
-TEST_F(FilesTest, SizesOfTwoGibibytesAndMoreAreExact) {
-    const std::string path = media("huge.bin");
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT, 0644);
+TEST_F(FilesTest, SizesOfTwoGibibytesAndMoreAreExactAndDataBeyondIsReadBackRight) {
+    ASSERT_EQ(::mkdir(media("Big").c_str(), 0755), 0);
+    const std::string path = media("Big/huge.bin");
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, 0644);
     ASSERT_GE(fd, 0);
     const off_t size = (off_t(5) << 30) + 7;  // sparse: takes no space
     ASSERT_EQ(::ftruncate(fd, size), 0);
-    ::close(fd);
+    // Data at a known place beyond 2^31, astride two of the reads below.
+    const std::string marker = "beyond two gibibytes";
+    const off_t markerAt = (off_t(1) << 31) + (off_t(1) << 20) - 5;
+    ASSERT_EQ(::pwrite(fd, marker.data(), marker.size(), markerAt), static_cast<ssize_t>(marker.size()));
     HLDStatus status = 0;
-    auto pairs = infoPairs(conduit.connection, "huge.bin", &status);
+    auto pairs = infoPairs(conduit.connection, "Big/huge.bin", &status);
     ASSERT_EQ(status, kQFCSuccess);
     EXPECT_EQ(pairs["st_size"], std::to_string(size));
 
-    // Reading near the end of it works too (64-bit positions).
+    // The same size from a directory batch, without a round trip.
+    QFCDirectoryRef dir = 0;
+    ASSERT_EQ(QFCDirectoryOpen(conduit.connection, "Big", &dir), kQFCSuccess);
+    const int infoCalls = device->count("qfc-info");
+    pairs = infoPairs(conduit.connection, "Big/huge.bin", &status);
+    ASSERT_EQ(status, kQFCSuccess);
+    EXPECT_EQ(pairs["st_size"], std::to_string(size));
+    EXPECT_EQ(device->count("qfc-info"), infoCalls);
+    EXPECT_EQ(QFCDirectoryClose(conduit.connection, dir), kQFCSuccess);
+
+    // Read from the start (there is no seeking) until past the marker: 64-bit positions.
     QFCFileRef ref = kQFCInvalidFileRef;
-    ASSERT_EQ(QFCFileRefOpen(conduit.connection, "huge.bin", 2, &ref), kQFCSuccess);
-    std::vector<char> buffer(8u << 20);
-    uint64_t total = 0;
-    for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(QFCFileRefOpen(conduit.connection, "Big/huge.bin", 1, &ref), kQFCSuccess);
+    std::vector<char> buffer(512000);
+    std::string around;  // the bytes from markerAt - 16 on
+    uint64_t position = 0;
+    while (position < static_cast<uint64_t>(markerAt) + (2u << 20)) {
         uint64_t length = buffer.size();
         ASSERT_EQ(QFCFileRefRead(conduit.connection, ref, buffer.data(), &length), kQFCSuccess);
-        total += length;
+        ASSERT_EQ(length, buffer.size()) << position;
+        const uint64_t from = static_cast<uint64_t>(markerAt) - 16;
+        for (uint64_t i = std::max(position, from); i < position + length && i < from + 64; ++i)
+            around += buffer[i - position];
+        position += length;
     }
-    EXPECT_EQ(total, 3u * buffer.size());
+    EXPECT_EQ(around, std::string(16, '\0') + marker + std::string(64 - 16 - marker.size(), '\0'));
+    EXPECT_EQ(QFCFileRefClose(conduit.connection, ref), kQFCSuccess);
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);  // give the page cache back
+    ::close(fd);
+    ::unlink(path.c_str());
+}
+
+TEST_F(FilesTest, AClientThatGoesAwayInTheMiddleOfAReadLeavesTheProcessAndTheDeviceServing) {
+    const std::string data = pattern(24u << 20);
+    writeFile(media("long.m4a"), data);
+    QFCFileRef ref = kQFCInvalidFileRef, lock = kQFCInvalidFileRef;
+    ASSERT_EQ(QFCFileRefOpen(conduit.connection, "long.m4a", 1, &ref), kQFCSuccess);
+    // A lock that goes when the device has ended this connection.
+    ASSERT_EQ(QFCFileRefOpen(conduit.connection, "gone.lock", 2, &lock), kQFCSuccess);
+    ASSERT_EQ(QFCFileRefLock(conduit.connection, lock, 1), kQFCSuccess);
+
+    // Ask for more than the socket holds (several answers in a row, unread), take the first
+    // bytes, then hang up while the device is still sending.
+    QCborMap request;
+    request.insert(QStringLiteral("op"), QStringLiteral("read"));
+    request.insert(QStringLiteral("ref"), static_cast<qint64>(ref));
+    request.insert(QStringLiteral("length"), 512000);
+    for (int i = 0; i < 32; ++i) ASSERT_TRUE(handlink::wire::writeFrame(conduit.fd, request));
+    QCborMap answer;
+    ASSERT_EQ(handlink::wire::readFrame(conduit.fd, &answer), handlink::wire::ReadResult::Ok);
+    ASSERT_EQ(answer.value(QStringLiteral("status")).toInteger(-1), 0);
+    ASSERT_EQ(answer.value(QStringLiteral("length")).toInteger(), 512000);
+    char head[4096];
+    ASSERT_TRUE(handlink::wire::recvAll(conduit.fd, head, sizeof head));
+    EXPECT_EQ(std::string(head, sizeof head), data.substr(0, sizeof head));
+    ::shutdown(conduit.fd, SHUT_RDWR);
+    closeConduit(conduit);
+
+    // Still here (no SIGPIPE ended the process), and the device ended that connection only.
+    Conduit other = openConduit();
+    QFCFileRef again = kQFCInvalidFileRef;
+    ASSERT_EQ(QFCFileRefOpen(other.connection, "gone.lock", 2, &again), kQFCSuccess);
+    EXPECT_TRUE(testsupport::runUntil([&] { return QFCFileRefLock(other.connection, again, 1) == kQFCSuccess; }));
+    ASSERT_EQ(QFCFileRefOpen(other.connection, "long.m4a", 1, &again), kQFCSuccess);
+    std::vector<char> buffer(512000);
+    std::string got;
+    for (;;) {
+        uint64_t length = buffer.size();
+        ASSERT_EQ(QFCFileRefRead(other.connection, again, buffer.data(), &length), kQFCSuccess);
+        if (length == 0) break;
+        got.append(buffer.data(), length);
+    }
+    EXPECT_TRUE(got == data);
+}
+
+TEST_F(FilesTest, AFileThatShrankBetweenReadsAnswersOnlyWhatIsLeft) {
+    writeFile(media("shrinking.db"), pattern(1000));
+    QFCFileRef ref = kQFCInvalidFileRef;
+    ASSERT_EQ(QFCFileRefOpen(conduit.connection, "shrinking.db", 1, &ref), kQFCSuccess);
+    char buffer[1000];
+    uint64_t length = 100;
+    ASSERT_EQ(QFCFileRefRead(conduit.connection, ref, buffer, &length), kQFCSuccess);
+    ASSERT_EQ(::truncate(media("shrinking.db").c_str(), 300), 0);
+    length = sizeof buffer;
+    ASSERT_EQ(QFCFileRefRead(conduit.connection, ref, buffer, &length), kQFCSuccess);
+    EXPECT_EQ(length, 200u);
+    EXPECT_EQ(std::string(buffer, length), pattern(1000).substr(100, 200));
+    ASSERT_EQ(::truncate(media("shrinking.db").c_str(), 10), 0);
+    length = sizeof buffer;
+    ASSERT_EQ(QFCFileRefRead(conduit.connection, ref, buffer, &length), kQFCSuccess);
+    EXPECT_EQ(length, 0u);
+}
+
+TEST_F(FilesTest, FifosAndOtherSpecialFilesAreRefusedWithoutHoldingUpTheConnection) {
+    ASSERT_EQ(::mkfifo(media("pipe").c_str(), 0644), 0);
+    for (uint64_t mode : {uint64_t(1), uint64_t(2)}) {
+        QFCFileRef ref = 12345;
+        EXPECT_EQ(QFCFileRefOpen(conduit.connection, "pipe", mode, &ref), kQFCPermissionError) << mode;
+        EXPECT_EQ(ref, kQFCInvalidFileRef);
+    }
+    // The connection goes on; the FIFO is described like any entry.
+    HLDStatus status = 0;
+    EXPECT_EQ(infoPairs(conduit.connection, "pipe", &status)["st_ifmt"], "S_IFIFO");
+    EXPECT_EQ(status, kQFCSuccess);
+    EXPECT_EQ(device->count("qfc-open"), 2);
+}
+
+TEST_F(FilesTest, ANameLongerThanTheFileSystemAllowsIsAnInvalidArgument) {
+    const std::string name(300, 'n');
+    QFCFileRef ref = kQFCInvalidFileRef;
+    EXPECT_EQ(QFCFileRefOpen(conduit.connection, name.c_str(), 2, &ref), kQFCInvalidArgumentError);
+    EXPECT_EQ(QFCFileRefOpen(conduit.connection, ("Folder/" + name).c_str(), 2, &ref), kQFCNotFoundError);
+    EXPECT_EQ(QFCFileRefOpen(conduit.connection, (name + "/x").c_str(), 2, &ref), kQFCInvalidArgumentError);
+    HLDStatus status = 0;
+    infoPairs(conduit.connection, name.c_str(), &status);
+    EXPECT_EQ(status, kQFCInvalidArgumentError);
+    EXPECT_EQ(QFCRemovePath(conduit.connection, name.c_str()), kQFCInvalidArgumentError);
+    listNames(conduit.connection, name.c_str(), &status);
+    EXPECT_EQ(status, kQFCInvalidArgumentError);
+    // 255 bytes is still a name.
+    const std::string longest(255, 'n');
+    ASSERT_EQ(QFCFileRefOpen(conduit.connection, longest.c_str(), 2, &ref), kQFCSuccess);
+    EXPECT_EQ(::access(media(longest).c_str(), F_OK), 0);
+}
+
+TEST_F(FilesTest, ANulInsideAPathIsAnInvalidArgument) {
+    writeFile(media("a"), "x");
+    const QByteArray withNul("a\0b", 3);
+    for (const char* op : {"open", "info", "remove", "dir-open"}) {
+        const QCborMap answer = rawCall(conduit.fd, pathRequest(op, withNul));
+        EXPECT_EQ(answer.value(QStringLiteral("status")).toInteger(-1), kQFCInvalidArgumentError) << op;
+    }
+    EXPECT_EQ(::access(media("a").c_str(), F_OK), 0);
+    EXPECT_EQ(device->count("qfc-remove"), 1);
+    // The connection goes on.
+    HLDStatus status = 0;
+    EXPECT_EQ(infoPairs(conduit.connection, "a", &status)["st_size"], "1");
+}
+
+TEST_F(FilesTest, InformationOfAPathThisConnectionRemovedOrCreatedIsNotAnsweredFromAnOldBatch) {
+    ASSERT_EQ(::mkdir(media("D").c_str(), 0755), 0);
+    writeFile(media("D/a"), "12345");
+    writeFile(media("D/b"), "1234567");
+    QFCDirectoryRef dir = 0;
+    ASSERT_EQ(QFCDirectoryOpen(conduit.connection, "D", &dir), kQFCSuccess);
+    HLDStatus status = 0;
+    EXPECT_EQ(infoPairs(conduit.connection, "D/a", &status)["st_size"], "5");
+    EXPECT_EQ(device->count("qfc-info"), 0);
+
+    EXPECT_EQ(QFCRemovePath(conduit.connection, "D/a"), kQFCSuccess);
+    infoPairs(conduit.connection, "D/a", &status);
+    EXPECT_EQ(status, kQFCNotFoundError);
+    EXPECT_EQ(device->count("qfc-info"), 1);
+
+    // Gone behind the connection's back, then made again (empty) by an open that creates.
+    ASSERT_EQ(::unlink(media("D/b").c_str()), 0);
+    QFCFileRef ref = kQFCInvalidFileRef;
+    ASSERT_EQ(QFCFileRefOpen(conduit.connection, "D/b", 2, &ref), kQFCSuccess);
+    EXPECT_EQ(infoPairs(conduit.connection, "D/b", &status)["st_size"], "0");
+    EXPECT_EQ(status, kQFCSuccess);
+    EXPECT_EQ(QFCDirectoryClose(conduit.connection, dir), kQFCSuccess);
 }
 
 TEST_F(FilesTest, AReadFaultStrikesInTheMiddleOfOneFile) {

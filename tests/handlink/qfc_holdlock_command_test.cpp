@@ -2,8 +2,13 @@
 // process against the emulator; one line when it holds, one when it lets go.
 #include <signal.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QCborMap>
 #include <QProcess>
 
+#include "handlink/client/ControlClient.h"
 #include "qfc_testbed.h"
 #include "support/TestSupport.h"
 
@@ -59,6 +64,34 @@ TEST_F(HoldLockCommandTest, LetsGoOnTheKthPostOfTheNotificationAndOnlyThen) {
     EXPECT_EQ(holder.exitCode(), 0);
 }
 
+TEST_F(HoldLockCommandTest, LetsGoOnTheFirstPostByDefault) {
+    QProcess holder;
+    startHolder(holder, {QStringLiteral("--exclusive"), QStringLiteral("--yield-on"), kWillStart});
+    EXPECT_EQ(nextLine(holder), line("holding", "exclusive"));
+    EXPECT_EQ(post(QStringLiteral("com.corvid.homeshell.syncingUnblocked")), 0);  // another name
+    EXPECT_EQ(tryLock(0), kQFCWouldBlockError);
+    EXPECT_EQ(post(kWillStart), 0);
+    EXPECT_EQ(tryLock(1), kQFCSuccess);
+    EXPECT_EQ(nextLine(holder), line("released", "exclusive"));
+    ASSERT_TRUE(holder.waitForFinished(30000));
+    EXPECT_EQ(holder.exitCode(), 0);
+}
+
+TEST_F(HoldLockCommandTest, WithAfterItStillHoldsOnceThePostIsAnsweredThenLetsGo) {
+    QProcess holder;
+    startHolder(holder, {QStringLiteral("--shared"), QStringLiteral("--yield-on"), kWillStart, QStringLiteral("--after"),
+                         QStringLiteral("3")});
+    EXPECT_EQ(nextLine(holder), line("holding", "shared"));
+    EXPECT_EQ(post(kWillStart), 0);
+    // Right after the post is answered the holder has not let go: the delay runs.
+    EXPECT_EQ(tryLock(1), kQFCWouldBlockError);
+    EXPECT_EQ(holder.state(), QProcess::Running);
+    EXPECT_EQ(nextLine(holder), line("released", "shared"));
+    EXPECT_EQ(tryLock(1), kQFCSuccess);
+    ASSERT_TRUE(holder.waitForFinished(30000));
+    EXPECT_EQ(holder.exitCode(), 0);
+}
+
 TEST_F(HoldLockCommandTest, LetsGoWhenInterrupted) {
     QProcess holder;
     startHolder(holder, {QStringLiteral("--shared")});
@@ -101,6 +134,64 @@ TEST_F(HoldLockCommandTest, FailsWhenTheLockIsHeldElsewhereOrTheWordsAreWrong) {
     startHolder(afterWithoutYield, {QStringLiteral("--shared"), QStringLiteral("--after"), QStringLiteral("1")});
     ASSERT_TRUE(afterWithoutYield.waitForFinished(30000));
     EXPECT_EQ(afterWithoutYield.exitCode(), 2);
+}
+
+// The control request behind the command answers the status of what went wrong.
+TEST_F(HoldLockCommandTest, TheControlRequestAnswersTheRealStatus) {
+    ASSERT_EQ(::mkdir(media("Folder").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink("../../outside/holder.lock", media("out.lock").c_str()), 0);
+    const auto before = snapshotOutside(testRoot());
+    handlink::client::ControlClient control;
+    QString error;
+    ASSERT_TRUE(control.open(emulator().socketPath(), &error)) << error.toStdString();
+    const auto status = [&](const QString& path, bool wait) {
+        QCborMap request;
+        request.insert(QStringLiteral("op"), QStringLiteral("hold-lock"));
+        request.insert(QStringLiteral("id"), device->identifier());
+        request.insert(QStringLiteral("path"), path);
+        request.insert(QStringLiteral("exclusive"), true);
+        if (wait) request.insert(QStringLiteral("wait"), true);
+        int32_t answered = 0;
+        QString message;
+        EXPECT_FALSE(control.call(request, nullptr, &message, &answered)) << path.toStdString();
+        EXPECT_FALSE(message.isEmpty());
+        return answered;
+    };
+    for (bool wait : {false, true}) {
+        SCOPED_TRACE(wait);
+        EXPECT_EQ(status(QStringLiteral("../escape.lock"), wait), kQFCPermissionError);
+        EXPECT_EQ(status(QStringLiteral("out.lock"), wait), kQFCPermissionError);
+        EXPECT_EQ(status(QStringLiteral("Folder"), wait), kQFCIsDirectoryError);
+        EXPECT_EQ(status(QStringLiteral("/"), wait), kQFCIsDirectoryError);
+        EXPECT_EQ(status(QStringLiteral("Missing/x.lock"), wait), kQFCNotFoundError);
+        EXPECT_EQ(status(QString::fromUtf8("a\0b", 3), wait), kQFCInvalidArgumentError);
+    }
+    QFCFileRef ref = kQFCInvalidFileRef;
+    ASSERT_EQ(QFCFileRefOpen(conduit.connection, kLock, 2, &ref), kQFCSuccess);
+    ASSERT_EQ(QFCFileRefLock(conduit.connection, ref, 0), kQFCSuccess);
+    EXPECT_EQ(status(QString::fromLatin1(kLock), false), kQFCWouldBlockError);
+    EXPECT_EQ(status(QString::fromLatin1(kLock), true), kQFCWouldBlockError);
+    EXPECT_EQ(snapshotOutside(testRoot()), before);
+    EXPECT_NE(::access(outside("holder.lock").c_str(), F_OK), 0);
+}
+
+// make-device through the command: the same seed gives the same media area.
+TEST(MakeDeviceCommandTest, SampleSmallWithTheSameSeedMakesTheSameTreeTwice) {
+    QTemporaryDir root;
+    const auto make = [&](const QString& name, const QString& seed) {
+        QProcess process;
+        process.start(QStringLiteral(HANDLINK_BIN_DIR "/handlinkctl"),
+                      {QStringLiteral("make-device"), root.filePath(name), QStringLiteral("--sample"), QStringLiteral("small"),
+                       QStringLiteral("--seed"), seed});
+        EXPECT_TRUE(process.waitForFinished(120000));
+        EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
+        return snapshotTree(root.filePath(name + QStringLiteral("/Media")));
+    };
+    const auto first = make(QStringLiteral("one"), QStringLiteral("11"));
+    const auto second = make(QStringLiteral("two"), QStringLiteral("11"));
+    EXPECT_GT(first.size(), 200u);
+    EXPECT_EQ(first, second);
+    EXPECT_NE(make(QStringLiteral("three"), QStringLiteral("12")), first);
 }
 
 }  // namespace

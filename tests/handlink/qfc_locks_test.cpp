@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QProcess>
 #include <fstream>
 
+#include "handlink/emulator/qfc/LockHolders.h"
 #include "qfc_testbed.h"
 #include "support/TestSupport.h"
 
@@ -63,6 +65,23 @@ TEST_F(LocksTest, ConflictsAcrossConnections) {
     // Closing the reference lets the lock go.
     EXPECT_EQ(QFCFileRefClose(conduit.connection, mine), kQFCSuccess);
     EXPECT_EQ(QFCFileRefLock(other.connection, theirs, 1), kQFCSuccess);
+}
+
+TEST_F(LocksTest, AConversionToExclusiveThatFailsKeepsTheSharedLock) {
+    const QFCFileRef first = open(conduit.connection);
+    const QFCFileRef second = open(conduit.connection);
+    ASSERT_EQ(QFCFileRefLock(conduit.connection, first, 0), kQFCSuccess);
+    ASSERT_EQ(QFCFileRefLock(conduit.connection, second, 0), kQFCSuccess);
+    EXPECT_EQ(QFCFileRefLock(conduit.connection, first, 1), kQFCWouldBlockError);  // second shares
+    ASSERT_EQ(QFCFileRefUnlock(conduit.connection, second), kQFCSuccess);
+    // first still holds its shared lock: nobody gets the exclusive one.
+    const QFCFileRef third = open(conduit.connection);
+    EXPECT_EQ(QFCFileRefLock(conduit.connection, third, 1), kQFCWouldBlockError);
+    EXPECT_EQ(flockCommand("-x"), 1);
+    EXPECT_EQ(flockCommand("-s"), 0);
+    // And it can convert now that it is alone.
+    EXPECT_EQ(QFCFileRefLock(conduit.connection, first, 1), kQFCSuccess);
+    EXPECT_EQ(flockCommand("-s"), 1);
 }
 
 TEST_F(LocksTest, TheFlockCommandSeesConduitLocks) {
@@ -198,11 +217,35 @@ TEST_F(LocksTest, AHolderWithADelayOrADeadlineLetsGoByItself) {
     EXPECT_EQ(flockCommand("-x"), 0);
 }
 
-TEST_F(LocksTest, HoldersRefuseEscapesAndFolders) {
-    QString error;
-    EXPECT_FALSE(device->holdLock("../outside.lock", {}, &error));
-    EXPECT_FALSE(device->holdLock("/", {}, &error));
-    EXPECT_FALSE(error.isEmpty());
+TEST_F(LocksTest, HoldersRefuseEscapesFoldersAndSpecialFilesAndCreateNothingOutside) {
+    ASSERT_EQ(::mkdir(media("Folder").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink("../../outside/holder.lock", media("out.lock").c_str()), 0);
+    ASSERT_EQ(::symlink(outside("holder-abs.lock").c_str(), media("abs.lock").c_str()), 0);
+    ASSERT_EQ(::mkfifo(media("fifo.lock").c_str(), 0644), 0);
+    const auto before = snapshotOutside(testRoot());
+    const struct {
+        const char* path;
+        int32_t status;
+    } cases[] = {
+        {"../outside.lock", kQFCPermissionError}, {"out.lock", kQFCPermissionError},
+        {"abs.lock", kQFCPermissionError},        {"Folder/../../x.lock", kQFCPermissionError},
+        {"/", kQFCIsDirectoryError},              {"Folder", kQFCIsDirectoryError},
+        {"Missing/x.lock", kQFCNotFoundError},    {"fifo.lock", kQFCPermissionError},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        QString error;
+        EXPECT_FALSE(device->holdLock(QString::fromUtf8(c.path), {}, &error));
+        EXPECT_FALSE(error.isEmpty());
+        EXPECT_EQ(handlink::emu::lastLockHolderFailure(), c.status);
+    }
+    EXPECT_EQ(snapshotOutside(testRoot()), before);
+    EXPECT_NE(::access(outside("holder.lock").c_str(), F_OK), 0);
+    EXPECT_NE(::access(outside("holder-abs.lock").c_str(), F_OK), 0);
+    // A good path clears the last failure.
+    auto holder = device->holdLock(kLock, {});
+    ASSERT_TRUE(holder);
+    EXPECT_EQ(handlink::emu::lastLockHolderFailure(), 0);
 }
 
 }  // namespace

@@ -83,6 +83,27 @@ TEST_F(PathsTest, EveryEscapeIsRefusedWithPermission) {
     EXPECT_EQ(::access(outside("secrets/keep.txt").c_str(), F_OK), 0);
 }
 
+TEST_F(PathsTest, ADanglingFinalLinkLeadingOutCreatesNothingOutside) {
+    ASSERT_EQ(::symlink("../../outside/made-through-a-link", media("dangling-rel").c_str()), 0);
+    ASSERT_EQ(::symlink(outside("made-through-an-absolute-link").c_str(), media("dangling-abs").c_str()), 0);
+    ASSERT_EQ(::symlink("../../../outside/made-deeper", media("a/dangling-deeper").c_str()), 0);
+    for (const char* path : {"dangling-rel", "dangling-abs", "a/dangling-deeper", "a/b/../dangling-rel"}) {
+        SCOPED_TRACE(path);
+        QFCFileRef ref = kQFCInvalidFileRef;
+        EXPECT_EQ(QFCFileRefOpen(conduit.connection, path, 2, &ref), kQFCPermissionError);
+        EXPECT_EQ(ref, kQFCInvalidFileRef);
+    }
+    EXPECT_NE(::access(outside("made-through-a-link").c_str(), F_OK), 0);
+    EXPECT_NE(::access(outside("made-through-an-absolute-link").c_str(), F_OK), 0);
+    EXPECT_NE(::access(outside("made-deeper").c_str(), F_OK), 0);
+    expectOutsideUntouched();
+    // A dangling link that stays inside creates its target inside.
+    ASSERT_EQ(::symlink("a/b/made-inside", media("dangling-in").c_str()), 0);
+    QFCFileRef ref = kQFCInvalidFileRef;
+    EXPECT_EQ(QFCFileRefOpen(conduit.connection, "dangling-in", 2, &ref), kQFCSuccess);
+    EXPECT_EQ(::access(media("a/b/made-inside").c_str(), F_OK), 0);
+}
+
 TEST_F(PathsTest, AnAbsolutePathIsInsideMediaAndSoNotFound) {
     const std::string absolute = outside("secret.txt");
     QFCFileRef ref = kQFCInvalidFileRef;

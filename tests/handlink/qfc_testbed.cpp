@@ -49,27 +49,42 @@ std::string digest(const std::filesystem::path& path) {
 
 }  // namespace
 
-std::map<std::string, std::string> snapshotOutside(const QString& root) {
+namespace {
+
+// Paths below base/folder, relative to base; Media/ folders are skipped when skipMedia.
+void snapshotInto(const std::filesystem::path& base, const std::filesystem::path& folder, bool skipMedia,
+                  std::map<std::string, std::string>* out) {
     namespace fs = std::filesystem;
-    std::map<std::string, std::string> out;
-    const fs::path base = root.toStdString();
-    for (const char* folder : {"outside", "devices"}) {
-        std::error_code ec;
-        fs::recursive_directory_iterator it(base / folder, fs::directory_options::none, ec), end;
-        for (; !ec && it != end; it.increment(ec)) {
-            const fs::path path = it->path();
-            if (it->is_directory(ec) && !it->is_symlink(ec) && path.filename() == "Media") {
-                it.disable_recursion_pending();
-                continue;
-            }
-            struct stat st;
-            if (::lstat(path.c_str(), &st) != 0) continue;
-            std::string value = std::to_string(st.st_mode) + " " + std::to_string(st.st_size) + " " +
-                                std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
-            if (S_ISREG(st.st_mode)) value += " " + digest(path);
-            out[fs::relative(path, base).string()] = value;
+    std::error_code ec;
+    fs::recursive_directory_iterator it(folder, fs::directory_options::none, ec), end;
+    for (; !ec && it != end; it.increment(ec)) {
+        const fs::path path = it->path();
+        if (skipMedia && it->is_directory(ec) && !it->is_symlink(ec) && path.filename() == "Media") {
+            it.disable_recursion_pending();
+            continue;
         }
+        struct stat st;
+        if (::lstat(path.c_str(), &st) != 0) continue;
+        std::string value = std::to_string(st.st_mode) + " " + std::to_string(st.st_size) + " " +
+                            std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+        if (S_ISREG(st.st_mode)) value += " " + digest(path);
+        (*out)[fs::relative(path, base).string()] = value;
     }
+}
+
+}  // namespace
+
+std::map<std::string, std::string> snapshotOutside(const QString& root) {
+    std::map<std::string, std::string> out;
+    const std::filesystem::path base = root.toStdString();
+    for (const char* folder : {"outside", "devices"}) snapshotInto(base, base / folder, true, &out);
+    return out;
+}
+
+std::map<std::string, std::string> snapshotTree(const QString& folder) {
+    std::map<std::string, std::string> out;
+    const std::filesystem::path base = folder.toStdString();
+    snapshotInto(base, base, false, &out);
     return out;
 }
 

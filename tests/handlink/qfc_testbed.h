@@ -22,6 +22,8 @@ struct Conduit {
 // Everything below the test root that is not a device's Media/ folder: paths with size,
 // modification time and a digest of the contents, for "nothing outside changed".
 std::map<std::string, std::string> snapshotOutside(const QString& root);
+// Every path below folder (relative) with its kind, size, modification time and digest.
+std::map<std::string, std::string> snapshotTree(const QString& folder);
 
 // Reads the whole key/value list of a path (status through *status).
 std::map<std::string, std::string> infoPairs(QFCConnectionRef connection, const char* path, HLDStatus* status);

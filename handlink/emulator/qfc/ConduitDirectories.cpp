@@ -16,6 +16,10 @@ const QString kDirectoryRead = QStringLiteral("qfc-dir-read");
 const QString kInfo = QStringLiteral("qfc-info");
 }  // namespace
 
+bool ConduitSession::directoryReadsArmed() const { return _device->faultOrDelayArmed(kDirectoryRead); }
+
+// The first batch comes with the open; it holds no names while a qfc-dir-read fault or delay is
+// armed, so that the first QFCDirectoryRead reaches the device as well.
 ConduitSession::Outcome ConduitSession::directoryOpen(const QCborMap& request) {
     QCborMap map;
     int32_t status = kQFCNotFoundError;
@@ -37,11 +41,15 @@ ConduitSession::Outcome ConduitSession::directoryOpen(const QCborMap& request) {
         directory.path = QString::fromUtf8(path.data(), static_cast<qsizetype>(path.size()));
         map.insert(QStringLiteral("dir"), static_cast<qint64>(handle));
         const int max = static_cast<int>(request.value(QStringLiteral("max")).toInteger(0));
-        if (max > 0) addBatch(directory, max, &map);
+        addBatch(directory, directoryReadsArmed() ? 0 : max, &map);
     }
     return answer(map) ? Outcome::Continue : Outcome::End;
 }
 
+// A dir-read is one QFCDirectoryRead call of the client: counted and offered to the faults as
+// one qfc-dir-read. Without "held" it asks for the next batch, whose first name answers this
+// call; with "held" the client answers the call from a batch it holds, and only asks whether
+// the device lets the call through (a fault armed after that batch came).
 ConduitSession::Outcome ConduitSession::directoryRead(const QCborMap& request) {
     auto it = _directories.find(request.value(QStringLiteral("dir")).toInteger(-1));
     if (it == _directories.end()) {
@@ -52,11 +60,20 @@ ConduitSession::Outcome ConduitSession::directoryRead(const QCborMap& request) {
         }
         return answerStatus(kQFCInvalidArgumentError) ? Outcome::Continue : Outcome::End;
     }
+    OpenDirectory& directory = it->second;
     QCborMap map;
     map.insert(QStringLiteral("status"), kQFCSuccess);
+    if (std::optional<int32_t> fault = _device->receive(kDirectoryRead, directory.path)) {
+        if (_device->isDetached()) return Outcome::End;
+        directory.error = *fault;  // the listing breaks off here
+        map.insert(QStringLiteral("entries"), QCborArray());
+        map.insert(QStringLiteral("end"), false);
+        map.insert(QStringLiteral("error"), *fault);
+        return answer(map) ? Outcome::Continue : Outcome::End;
+    }
+    if (request.value(QStringLiteral("held")).toBool()) return answer(map) ? Outcome::Continue : Outcome::End;
     const int max = static_cast<int>(request.value(QStringLiteral("max")).toInteger(1));
-    addBatch(it->second, max, &map);
-    if (_device->isDetached()) return Outcome::End;
+    addBatch(directory, directoryReadsArmed() ? 1 : std::max(max, 1), &map);
     return answer(map) ? Outcome::Continue : Outcome::End;
 }
 
@@ -66,7 +83,7 @@ ConduitSession::Outcome ConduitSession::directoryClose(const QCborMap& request) 
 }
 
 void ConduitSession::addBatch(OpenDirectory& directory, int max, QCborMap* answer) {
-    max = std::clamp(max, 1, kMaxBatchEntries);
+    max = std::clamp(max, 0, kMaxBatchEntries);
     // While an info fault or delay is armed, entries go without information so that every info
     // call reaches the device.
     const bool withInfo = !_device->faultOrDelayArmed(kInfo);
@@ -75,11 +92,6 @@ void ConduitSession::addBatch(OpenDirectory& directory, int max, QCborMap* answe
     bool end = false;
     int32_t error = directory.error;
     while (error == kQFCSuccess && entries.size() < max && bytes < kMaxBatchBytes) {
-        // Every name handed out, and the end mark, is one directory read the device receives.
-        if (std::optional<int32_t> fault = _device->receive(kDirectoryRead, directory.path)) {
-            error = _device->isDetached() ? kQFCNotConnectedError : *fault;
-            break;
-        }
         std::string name;
         int readError = 0;
         if (!directory.listing->next(&name, &readError)) {

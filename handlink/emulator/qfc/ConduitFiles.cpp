@@ -1,19 +1,16 @@
 // File requests of the conduit: open, read, lock, unlock, close, remove, info.
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include "handlink/HandlinkStatus.h"
 #include "handlink/emulator/qfc/ConduitCodec.h"
 #include "handlink/emulator/qfc/ConduitSession.h"
 #include "handlink/emulator/qfc/MediaPath.h"
-#include "handlink/wire/Frame.h"
 
 namespace handlink::emu::qfc {
 
@@ -24,34 +21,14 @@ constexpr uint64_t kMaxReadLength = 8u * 1024u * 1024u;
 constexpr uint64_t kModeReadOnly = 1;
 constexpr uint64_t kModeReadWriteCreate = 2;
 
-// Sends length bytes of the file from offset; when the file turns out shorter (it shrank since
-// the length was announced) the rest is zeros, so the stream stays in step. False when the
-// connection broke.
-bool sendFileBytes(int socket, int file, uint64_t offset, size_t length) {
-    off_t position = static_cast<off_t>(offset);
-    while (length > 0) {
-        ssize_t n = ::sendfile(socket, file, &position, length);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && errno != EINVAL && errno != ENOSYS) return false;
-        if (n <= 0) break;
-        length -= static_cast<size_t>(n);
-    }
-    static const char zeros[4096] = {};
-    while (length > 0) {
-        const size_t chunk = std::min(length, sizeof zeros);
-        if (!wire::sendAll(socket, zeros, chunk)) return false;
-        length -= chunk;
-    }
-    return true;
-}
-
 }  // namespace
 
 ConduitSession::Outcome ConduitSession::open(const QCborMap& request) {
-    const auto done = [this](int32_t status, int64_t reference = -1) {
+    const auto done = [this](int32_t status, int64_t reference = -1, bool created = false) {
         QCborMap map;
         map.insert(QStringLiteral("status"), status);
         if (status == kQFCSuccess) map.insert(QStringLiteral("ref"), static_cast<qint64>(reference));
+        if (created) map.insert(QStringLiteral("created"), true);
         return answer(map) ? Outcome::Continue : Outcome::End;
     };
     const uint64_t mode = static_cast<uint64_t>(request.value(QStringLiteral("mode")).toInteger(0));
@@ -64,46 +41,73 @@ ConduitSession::Outcome ConduitSession::open(const QCborMap& request) {
     if (HLDStatus status = resolvePath(_root.get(), path, FinalLink::Follow, &where)) return done(status);
     if (where.name.empty()) return done(kQFCIsDirectoryError);
 
-    const int base = O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
-    int fd = mode == kModeReadWriteCreate ? ::openat(where.parent.get(), where.name.c_str(), base | O_RDWR | O_CREAT, 0644)
-                                          : ::openat(where.parent.get(), where.name.c_str(), base | O_RDONLY);
-    if (fd < 0 && (errno == EACCES || errno == EROFS) && mode == kModeReadWriteCreate)
-        fd = ::openat(where.parent.get(), where.name.c_str(), base | O_RDONLY);  // read-only files still read
+    // O_NONBLOCK: opening a FIFO (or a device) must not wait for its other end; such files
+    // are refused below, and regular files get blocking reads back.
+    const int dir = where.parent.get();
+    const char* name = where.name.c_str();
+    const int base = O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    bool created = false;
+    int fd = -1;
+    if (mode == kModeReadWriteCreate) {
+        fd = ::openat(dir, name, base | O_RDWR | O_CREAT | O_EXCL, 0644);
+        created = fd >= 0;
+        if (fd < 0 && errno == EEXIST) fd = ::openat(dir, name, base | O_RDWR);
+        if (fd < 0 && (errno == EACCES || errno == EROFS))
+            fd = ::openat(dir, name, base | O_RDONLY);  // read-only files still read
+    } else {
+        fd = ::openat(dir, name, base | O_RDONLY);
+    }
     if (fd < 0) return done(statusFromErrno(errno));
     wire::UniqueFd owned(fd);
     struct stat st;
     if (::fstat(fd, &st) != 0) return done(statusFromErrno(errno));
     if (S_ISDIR(st.st_mode)) return done(kQFCIsDirectoryError);
+    if (!S_ISREG(st.st_mode)) return done(kQFCPermissionError);  // the conduit serves files only
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) return done(statusFromErrno(errno));
 
     const int64_t reference = _nextFile++;
-    _files[reference] = OpenFile{std::move(owned), QString::fromUtf8(path.data(), static_cast<qsizetype>(path.size())), 0};
-    return done(kQFCSuccess, reference);
+    _files[reference] = OpenFile{std::move(owned), QString::fromUtf8(path.data(), static_cast<qsizetype>(path.size())), 0, 0};
+    return done(kQFCSuccess, reference, created);
 }
 
+// The bytes are taken from the file before the answer is sent, so the answer says exactly how
+// many follow (fewer at the end of a file that shrank meanwhile), and a failed read of the
+// file answers kQFCReadError instead of a length.
 ConduitSession::Outcome ConduitSession::read(const QCborMap& request) {
     OpenFile* open = file(request);
     const qint64 asked = request.value(QStringLiteral("length")).toInteger(-1);
     if (!open || asked < 0) return answerStatus(kQFCInvalidArgumentError) ? Outcome::Continue : Outcome::End;
-    struct stat st;
-    if (::fstat(open->fd.get(), &st) != 0) return answerStatus(statusFromErrno(errno)) ? Outcome::Continue : Outcome::End;
-    const uint64_t size = static_cast<uint64_t>(st.st_size);
-    const uint64_t length = open->offset < size ? std::min({size - open->offset, static_cast<uint64_t>(asked), kMaxReadLength}) : 0;
-
+    const size_t length = static_cast<size_t>(std::min(static_cast<uint64_t>(asked), kMaxReadLength));
+    if (_sender.stage(open->fd.get(), open->offset, length) != 0)
+        return answerStatus(kQFCReadError) ? Outcome::Continue : Outcome::End;
+    const size_t staged = _sender.staged();
     QCborMap map;
     map.insert(QStringLiteral("status"), kQFCSuccess);
-    map.insert(QStringLiteral("length"), static_cast<qint64>(length));
-    if (!wire::writeFrame(_fd, map)) return Outcome::End;
-    if (!sendFileBytes(_fd, open->fd.get(), open->offset, static_cast<size_t>(length))) return Outcome::End;
-    open->offset += length;
+    map.insert(QStringLiteral("length"), static_cast<qint64>(staged));
+    if (!_sender.send(_fd, map)) return Outcome::End;
+    open->offset += staged;
     return Outcome::Continue;
 }
 
+// Linux converts a flock lock by dropping the old one first: a shared lock that fails to
+// become exclusive is gone. It is taken again at once (without waiting), so the failed
+// conversion leaves the reference as it was; only when another process took the lock in that
+// moment does the reference end up holding none (docs/protocol.md).
 ConduitSession::Outcome ConduitSession::lock(const QCborMap& request) {
     OpenFile* open = file(request);
     int32_t status = kQFCInvalidArgumentError;
     if (open) {
         const int operation = request.value(QStringLiteral("exclusive")).toBool() ? LOCK_EX : LOCK_SH;
-        status = ::flock(open->fd.get(), operation | LOCK_NB) == 0 ? kQFCSuccess : statusFromErrno(errno);
+        if (::flock(open->fd.get(), operation | LOCK_NB) == 0) {
+            open->lock = operation;
+            status = kQFCSuccess;
+        } else {
+            const int error = errno;
+            if (open->lock == LOCK_SH && operation == LOCK_EX && ::flock(open->fd.get(), LOCK_SH | LOCK_NB) != 0)
+                open->lock = 0;
+            status = statusFromErrno(error);
+        }
     }
     return answerStatus(status) ? Outcome::Continue : Outcome::End;
 }
@@ -111,7 +115,10 @@ ConduitSession::Outcome ConduitSession::lock(const QCborMap& request) {
 ConduitSession::Outcome ConduitSession::unlock(const QCborMap& request) {
     OpenFile* open = file(request);
     int32_t status = kQFCInvalidArgumentError;
-    if (open) status = ::flock(open->fd.get(), LOCK_UN) == 0 ? kQFCSuccess : statusFromErrno(errno);
+    if (open) {
+        status = ::flock(open->fd.get(), LOCK_UN) == 0 ? kQFCSuccess : statusFromErrno(errno);
+        if (status == kQFCSuccess) open->lock = 0;
+    }
     return answerStatus(status) ? Outcome::Continue : Outcome::End;
 }
 

@@ -1,10 +1,17 @@
 #include "handlink/emulator/qfc/ConduitSession.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <QCborArray>
 #include <QCborValue>
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <limits>
 
 #include "handlink/HandlinkStatus.h"
 #include "handlink/emulator/DeviceFolder.h"
@@ -16,7 +23,8 @@
 namespace handlink::emu::qfc {
 
 // The requests of the conduit, each counted and faulted as its operation. qfc-dir-read is
-// counted by the batches themselves (one per name handed out, one for the end mark).
+// counted by the dir-read handler (the call that asked for a batch) and by the reports of
+// reads the client answered from its batches.
 const ConduitSession::Request ConduitSession::kRequests[] = {
     {"connect", "qfc-connect", Match::None, &ConduitSession::connect},
     {"disconnect", "qfc-disconnect", Match::None, &ConduitSession::disconnect},
@@ -32,6 +40,20 @@ const ConduitSession::Request ConduitSession::kRequests[] = {
     {"dir-close", "qfc-dir-close", Match::Directory, &ConduitSession::directoryClose},
 };
 
+namespace {
+const QString kInfoOperation = QStringLiteral("qfc-info");
+const QString kDirectoryReadOperation = QStringLiteral("qfc-dir-read");
+}  // namespace
+
+// The shared page, mapped for as long as the session or an arm listener running late needs it.
+struct ConduitSession::ArmingPage {
+    uint64_t* words = nullptr;
+    ~ArmingPage() {
+        if (words) ::munmap(words, kArmingPageBytes);
+    }
+    void bump(int index) { std::atomic_ref<uint64_t>(words[index]).fetch_add(1); }
+};
+
 ConduitSession::ConduitSession(int fd, std::shared_ptr<DeviceState> device, const std::atomic<bool>& stopping)
     : _fd(fd), _device(std::move(device)), _stopping(stopping) {
     _root.reset(::open(_device->mediaRoot().toLocal8Bit().constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -44,6 +66,28 @@ ConduitSession::ConduitSession(int fd, std::shared_ptr<DeviceState> device, cons
         const QVariant birthTimes = plist->toMap().value(folder::kEmulation).toMap().value(QStringLiteral("BirthTimes"));
         if (birthTimes.isValid()) _birthTimes = birthTimes.toBool();
     }
+    makeArmingPage();
+}
+
+ConduitSession::~ConduitSession() {
+    if (_armListener >= 0) _device->removeArmListener(_armListener);
+}
+
+bool ConduitSession::makeArmingPage() {
+    wire::UniqueFd page(::memfd_create("qfc-arming", MFD_CLOEXEC));
+    if (!page || ::ftruncate(page.get(), kArmingPageBytes) != 0) return false;
+    void* words = ::mmap(nullptr, kArmingPageBytes, PROT_READ | PROT_WRITE, MAP_SHARED, page.get(), 0);
+    if (words == MAP_FAILED) return false;
+    _arming = std::make_shared<ArmingPage>();
+    _arming->words = static_cast<uint64_t*>(words);
+    _armingFd = std::move(page);
+    // Bumped after the fault or delay is in place, so a batch made without seeing it is
+    // never trusted by a client that read the page before asking for it.
+    _armListener = _device->addArmListener([arming = _arming](const QString& operation) {
+        if (operation == kInfoOperation) arming->bump(kInfoArmings);
+        if (operation == kDirectoryReadOperation) arming->bump(kDirectoryReadArmings);
+    });
+    return true;
 }
 
 int ConduitSession::stat(int dir, const char* name, FileStat* out) const {
@@ -53,6 +97,7 @@ int ConduitSession::stat(int dir, const char* name, FileStat* out) const {
 }
 
 void ConduitSession::run() {
+    const SigpipeBlock quiet;  // file bytes are spliced into the socket (FileSending.h)
     while (!_stopping.load() && !_device->isDetached()) {
         QCborMap request;
         const wire::ReadResult result = wire::readFrame(_fd, &request);
@@ -70,6 +115,7 @@ void ConduitSession::run() {
 
 ConduitSession::Outcome ConduitSession::dispatch(const QCborMap& request) {
     const QString op = request.value(QStringLiteral("op")).toString();
+    countReportedReads(request);  // before any fault: those calls were made
     for (const Request& kind : kRequests) {
         if (op != QLatin1String(kind.op)) continue;
         if (kind.operation) {
@@ -111,8 +157,42 @@ bool ConduitSession::answerStatus(int32_t status) {
     return answer(map);
 }
 
+void ConduitSession::countReportedReads(const QCborMap& request) {
+    const qint64 reads = request.value(QStringLiteral("reads")).toInteger(0);
+    for (qint64 i = 0; i < std::min<qint64>(reads, std::numeric_limits<int>::max()); ++i)
+        _device->countCall(kDirectoryReadOperation);
+}
+
 ConduitSession::Outcome ConduitSession::connect(const QCborMap&) {
-    return answerStatus(_root ? kQFCSuccess : kQFCNotFoundError) ? Outcome::Continue : Outcome::End;
+    return answerConnect(_root ? kQFCSuccess : kQFCNotFoundError) ? Outcome::Continue : Outcome::End;
+}
+
+// The connect answer carries the arming page's descriptor (SCM_RIGHTS) with its first byte.
+bool ConduitSession::answerConnect(int32_t status) {
+    QCborMap map;
+    map.insert(QStringLiteral("status"), status);
+    if (status != kQFCSuccess || !_armingFd) return answer(map);
+    const QByteArray frame = wire::encodeFrame(map);
+    iovec iov{const_cast<char*>(frame.constData()), static_cast<size_t>(frame.size())};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message{};
+    message.msg_iov = &iov;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    const int descriptor = _armingFd.get();
+    std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+    ssize_t sent;
+    do {
+        sent = ::sendmsg(_fd, &message, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    if (sent <= 0) return false;
+    _armingFd.reset();  // the client has its own now; the mapping stays
+    return wire::sendAll(_fd, frame.constData() + sent, static_cast<size_t>(frame.size() - sent));
 }
 
 ConduitSession::Outcome ConduitSession::disconnect(const QCborMap&) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <chrono>
@@ -124,27 +125,49 @@ private:
 
 }  // namespace
 
+namespace {
+thread_local int32_t t_lastFailure = 0;
+}  // namespace
+
+int32_t lastLockHolderFailure() { return t_lastFailure; }
+
 std::unique_ptr<LockHolder> makeLockHolder(std::shared_ptr<DeviceState> device, const QString& path,
-                                           const HoldLockOptions& options, QString* error) {
-    const auto fail = [error](const QString& text) -> std::unique_ptr<LockHolder> {
+                                           const HoldLockOptions& options, QString* error, int32_t* status) {
+    const auto fail = [error, status](int32_t code, const QString& text) -> std::unique_ptr<LockHolder> {
+        t_lastFailure = code;
         if (error) *error = text;
+        if (status) *status = code;
         return nullptr;
     };
+    const auto failErrno = [&fail](const QString& what, int error) {
+        return fail(qfc::statusFromErrno(error), QStringLiteral("%1: %2").arg(what, QString::fromLocal8Bit(std::strerror(error))));
+    };
+    if (device->isDetached()) return fail(kQFCNotConnectedError, QStringLiteral("the device is detached"));
     wire::UniqueFd root(::open(device->mediaRoot().toLocal8Bit().constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!root) return fail(QStringLiteral("cannot open the media folder: %1").arg(QString::fromLocal8Bit(std::strerror(errno))));
+    if (!root) return failErrno(QStringLiteral("cannot open the media folder"), errno);
     qfc::ResolvedPath where;
     const QByteArray bytes = path.toUtf8();
-    if (HLDStatus status = qfc::resolvePath(root.get(), std::string_view(bytes.constData(), static_cast<size_t>(bytes.size())),
-                                            qfc::FinalLink::Follow, &where))
-        return fail(QStringLiteral("path refused: %1 (status %2)").arg(path, QString::number(status)));
-    if (where.name.empty()) return fail(QStringLiteral("%1 is a folder").arg(path));
-    wire::UniqueFd file(::openat(where.parent.get(), where.name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!file) return fail(QStringLiteral("cannot open %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno))));
+    if (HLDStatus refused = qfc::resolvePath(root.get(), std::string_view(bytes.constData(), static_cast<size_t>(bytes.size())),
+                                             qfc::FinalLink::Follow, &where))
+        return fail(refused, QStringLiteral("path refused: %1 (status %2)").arg(path, QString::number(refused)));
+    if (where.name.empty()) return fail(kQFCIsDirectoryError, QStringLiteral("%1 is a folder").arg(path));
+    // O_NONBLOCK: a FIFO must not hold the control connection up (it is refused just below).
+    wire::UniqueFd file(::openat(where.parent.get(), where.name.c_str(),
+                                 O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0644));
+    if (!file) {
+        if (errno == EISDIR) return fail(kQFCIsDirectoryError, QStringLiteral("%1 is a folder").arg(path));
+        return failErrno(QStringLiteral("cannot open %1").arg(path), errno);
+    }
+    struct stat st;
+    if (::fstat(file.get(), &st) != 0) return failErrno(QStringLiteral("cannot open %1").arg(path), errno);
+    if (!S_ISREG(st.st_mode)) return fail(kQFCPermissionError, QStringLiteral("%1 is not a regular file").arg(path));
     const int operation = options.exclusive ? LOCK_EX : LOCK_SH;
     if (::flock(file.get(), operation | LOCK_NB) != 0) {
-        if (errno == EWOULDBLOCK) return fail(QStringLiteral("the lock on %1 is held elsewhere").arg(path));
-        return fail(QStringLiteral("cannot lock %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno))));
+        if (errno == EWOULDBLOCK) return fail(kQFCWouldBlockError, QStringLiteral("the lock on %1 is held elsewhere").arg(path));
+        return failErrno(QStringLiteral("cannot lock %1").arg(path), errno);
     }
+    t_lastFailure = 0;
+    if (status) *status = 0;
     return std::make_unique<DeviceLockHolder>(std::move(device), std::move(file), options);
 }
 
@@ -153,8 +176,8 @@ std::unique_ptr<LockHolder> makeLockHolder(std::shared_ptr<DeviceState> device, 
 namespace handlink::emu {
 
 bool holdLockForConnection(int fd, std::shared_ptr<DeviceState> device, const QString& path,
-                           const HoldLockOptions& options, QString* error) {
-    std::unique_ptr<LockHolder> holder = makeLockHolder(device, path, options, error);
+                           const HoldLockOptions& options, QString* error, int32_t* status) {
+    std::unique_ptr<LockHolder> holder = makeLockHolder(device, path, options, error, status);
     if (!holder) return false;
     QCborMap held;
     held.insert(QStringLiteral("status"), kHLDSuccess);

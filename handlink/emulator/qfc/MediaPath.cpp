@@ -49,8 +49,7 @@ HLDStatus statusFromErrno(int error) {
     switch (error) {
     case 0: return kQFCSuccess;
     case ENOENT:
-    case ENOTDIR:
-    case ENAMETOOLONG: return kQFCNotFoundError;
+    case ENOTDIR: return kQFCNotFoundError;
     case EISDIR: return kQFCIsDirectoryError;
     case EACCES:
     case EPERM:
@@ -64,7 +63,8 @@ HLDStatus statusFromErrno(int error) {
     case EDQUOT: return kQFCNoSpaceError;
     case EWOULDBLOCK: return kQFCWouldBlockError;
     case EBADF:
-    case EINVAL: return kQFCInvalidArgumentError;
+    case EINVAL:
+    case ENAMETOOLONG: return kQFCInvalidArgumentError;  // a name over 255 bytes
     case EIO: return kQFCReadError;
     case EMFILE:
     case ENFILE:

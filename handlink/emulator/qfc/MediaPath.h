@@ -29,7 +29,8 @@ struct ResolvedPath {
 // open Media/ descriptor `root`. The final component may be missing (the caller decides what
 // that means). Returns kQFCSuccess; kQFCPermissionError for an escape or a symlink loop;
 // kQFCNotFoundError when an intermediate component is missing or not a folder;
-// kQFCInvalidArgumentError for a path holding a NUL byte.
+// kQFCInvalidArgumentError for a path holding a NUL byte or a component longer than the file
+// system allows (255 bytes).
 HLDStatus resolvePath(int root, std::string_view path, FinalLink final, ResolvedPath* out);
 
 // The one errno-to-status mapping of the conduit.
