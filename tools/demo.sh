@@ -58,9 +58,8 @@ chmod 700 "$DEMO_ROOT"
 if [ ! -f "$DEVICE/device.plist" ]; then
   echo "demo: making a sample device in $DEVICE" >&2
   rm -rf "$DEVICE"
-  "$BIN/handlinkctl" make-device "$DEVICE" --name "Demo Tamber" --sample small >/dev/null 2>&1 \
-    || { rm -rf "$DEVICE"; "$BIN/handlinkctl" make-device "$DEVICE" --name "Demo Tamber" >/dev/null; } \
-    || die "could not make the sample device"
+  "$BIN/handlinkctl" make-device "$DEVICE" --name "Demo Tamber" --sample small >/dev/null \
+    || { rm -rf "$DEVICE"; die "could not make the sample device in $DEVICE (handlinkctl said why above)"; }
 fi
 
 RUN_DIR=$(mktemp -d "$DEMO_ROOT/run.XXXXXX")
