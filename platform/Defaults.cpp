@@ -83,6 +83,10 @@ bool Defaults::hasValue(const QString& key) const {
     return _settings->contains(key);
 }
 
+bool Defaults::holdsFlag(const QString& key) const {
+    return parseFlag(objectForKey(key)).has_value();
+}
+
 bool Defaults::boolForKey(const QString& key) const {
     return parseFlag(objectForKey(key)).value_or(false);
 }

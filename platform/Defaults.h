@@ -30,6 +30,8 @@ public:
     ~Defaults() override;
 
     bool hasValue(const QString& key) const;
+    // True when the key holds a value that boolForKey reads as a flag (not the unset fallback).
+    bool holdsFlag(const QString& key) const;
     bool boolForKey(const QString& key) const;
     qint64 integerForKey(const QString& key) const;
     float floatForKey(const QString& key) const;
