@@ -21,7 +21,7 @@ MainWindow::MainWindow(platform::Defaults& store, QWidget* parent)
     auto showName = [this, &store, nameKey, connectedKey] {
         const QString name = store.stringForKey(nameKey);
         const bool none = name.isEmpty() && !store.boolForKey(connectedKey);
-        _ui->deviceNameLabel->setText(none ? tr("No Device Connected") : name);
+        _ui->deviceNameLabel->setText(none ? QStringLiteral("No Device Connected") : name);
     };
     showName();
     connect(&store, &platform::Defaults::valueChanged, this, [showName, nameKey, connectedKey](const QString& key) {

@@ -10,34 +10,6 @@
 #include "platform/AppInfo.h"
 #include "platform/Defaults.h"
 
-namespace {
-
-// True when the stored value reads as a flag; anything else (a stray text, a list) counts as
-// no value, so the preference gets its default back.
-bool holdsFlag(const QVariant& value)
-{
-    switch (value.typeId()) {
-    case QMetaType::Bool:
-    case QMetaType::Int:
-    case QMetaType::LongLong:
-    case QMetaType::UInt:
-    case QMetaType::ULongLong:
-    case QMetaType::Double:
-    case QMetaType::Float:
-        return true;
-    case QMetaType::QString: {
-        const QString text = value.toString().trimmed().toLower();
-        bool isNumber = false;
-        text.toDouble(&isNumber);
-        return isNumber || text == u"true" || text == u"false" || text == u"yes" || text == u"no";
-    }
-    default:
-        return false;
-    }
-}
-
-}  // namespace
-
 VRAppController::VRAppController(platform::Defaults& defaults, QObject* parent)
     : QObject(parent), _defaults(defaults)
 {
@@ -57,19 +29,12 @@ VRAppController::VRAppController(platform::Defaults& defaults, QObject* parent)
         {QStringLiteral("getFiles.includeRecordings"), false},
         {QStringLiteral("settingsWindowVisible"), false},
     };
+    // A stored value that the store cannot read as a flag (a stray text, a list) counts as no
+    // value, so the preference gets its default back; anything it reads as a flag is kept.
     for (const auto& preference : preferences) {
-        if (!_defaults.hasValue(preference.key) || !holdsFlag(_defaults.objectForKey(preference.key)))
+        if (!_defaults.holdsFlag(preference.key))
             _defaults.setBool(preference.key, preference.value);
     }
-
-    _commandTimer.setSingleShot(true);
-    _commandTimer.setInterval(100);
-    connect(&_commandTimer, &QTimer::timeout, this, [this] {
-        const Command command = _scheduledCommand;
-        _scheduledCommand = nullptr;
-        if (command)
-            (this->*command)();
-    });
 
     LinkDev::registerDeviceObserver(this);
 }

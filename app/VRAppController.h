@@ -8,6 +8,7 @@
 // there only. taskStatusDidChange and taskStatusShouldIgnoreError arrive on the command's
 // worker thread and hand over to the main thread through platform::mainthread.
 #include <QCheckBox>
+#include <QList>
 #include <QLabel>
 #include <QLineEdit>
 #include <QObject>
@@ -19,6 +20,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "app/AlertPresenter.h"
 #include "device/LinkDev.h"
@@ -124,8 +126,12 @@ public:
     // The presenter of every alert (not owned); tests install one that answers by itself.
     void setAlertPresenter(AlertPresenter* presenter) { _alertPresenter = presenter; }
     AlertPresenter* alertPresenter() const { return _alertPresenter; }
-    // True while a command started by doIt waits for its 0.1 s delay.
-    bool hasScheduledCommand() const { return _commandTimer.isActive(); }
+    // How long doIt waits before the chosen command starts.
+    static constexpr int kCommandDelayMs = 100;
+    // True while a command started by doIt waits for its delay.
+    bool hasScheduledCommand() const { return !_commandTimers.empty(); }
+    // The intervals (ms) of the commands still waiting, in the order doIt scheduled them.
+    QList<int> scheduledCommandDelays() const;
 
 private:
     using Command = void (VRAppController::*)();
@@ -163,6 +169,7 @@ private:
     // its delegate, and the controller lives for the process).
     SimulateSyncCommand _simulateSyncCommand{*this};
     AlertPresenter* _alertPresenter = nullptr;
-    QTimer _commandTimer;  // the delayed start of the chosen command
-    Command _scheduledCommand = nullptr;
+    // One single-shot timer (a child of the controller) per command doIt scheduled and that
+    // has not started yet, oldest first; each removes and deletes itself when it fires.
+    std::vector<QTimer*> _commandTimers;
 };

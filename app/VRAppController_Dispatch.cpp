@@ -1,12 +1,13 @@
 // VRAppController: starting a command, the progress display and the error alerts.
 #include <QLabel>
 #include <QProgressBar>
+#include <QTimer>
+#include <algorithm>
 #include <cmath>
 
 #include "app/VRAppController.h"
 #include "platform/Defaults.h"
 #include "platform/MainThread.h"
-#include "platform/SystemLog.h"
 
 namespace {
 
@@ -33,8 +34,27 @@ void VRAppController::_setStatusText(const QString& text)
 
 void VRAppController::_scheduleCommand(Command command)
 {
-    _scheduledCommand = command;
-    _commandTimer.start();
+    // Every call gets its own timer, so a second press while one waits starts both commands.
+    // Precise timers with equal intervals fire in the order they were started.
+    auto* timer = new QTimer(this);
+    timer->setSingleShot(true);
+    timer->setTimerType(Qt::PreciseTimer);
+    timer->setInterval(kCommandDelayMs);
+    connect(timer, &QTimer::timeout, this, [this, timer, command] {
+        _commandTimers.erase(std::find(_commandTimers.begin(), _commandTimers.end(), timer));
+        timer->deleteLater();
+        (this->*command)();
+    });
+    _commandTimers.push_back(timer);
+    timer->start();
+}
+
+QList<int> VRAppController::scheduledCommandDelays() const
+{
+    QList<int> delays;
+    for (const QTimer* timer : _commandTimers)
+        delays << timer->interval();
+    return delays;
 }
 
 void VRAppController::doIt()
@@ -125,10 +145,8 @@ void VRAppController::_mainThreadPresentAlertForError(const platform::Error& err
 
 int VRAppController::_runAlert(const Alert& alert)
 {
-    if (!_alertPresenter) {
-        // A controller without windows has nowhere to ask; the first button is the safe answer.
-        platform::logMessage(QStringLiteral("Alert: %1").arg(alert.messageText));
+    // A controller without windows has nowhere to ask; the first button is the safe answer.
+    if (!_alertPresenter)
         return kAlertFirstButtonReturn;
-    }
     return _alertPresenter->runModal(alert);
 }

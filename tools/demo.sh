@@ -35,12 +35,35 @@ if [ -n "$SCREENSHOT" ]; then
   case "$SCREENSHOT" in /*) ;; *) SCREENSHOT=$PWD/$SCREENSHOT ;; esac
 fi
 
-# A window needs a display. A screenshot can do without one (drawn offscreen).
-if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ] && [ -z "${QT_QPA_PLATFORM:-}" ]; then
+# A window needs a display. A screenshot can do without one (drawn offscreen). Qt's offscreen
+# and minimal platforms need none; the others (xcb, wayland, or Qt's own choice) need a display
+# that is named and, when it is local, has its socket.
+x_reachable() {
+  [ -n "${DISPLAY:-}" ] || return 1
+  case "$DISPLAY" in
+    :*|unix:*) local n=${DISPLAY#*:}; [ -S "/tmp/.X11-unix/X${n%%.*}" ] ;;
+    *) return 0 ;;  # a remote display: let Qt try
+  esac
+}
+wayland_reachable() {
+  [ -n "${WAYLAND_DISPLAY:-}" ] || return 1
+  case "$WAYLAND_DISPLAY" in
+    /*) [ -S "$WAYLAND_DISPLAY" ] ;;
+    *) [ -S "${XDG_RUNTIME_DIR:-/nonexistent}/$WAYLAND_DISPLAY" ] ;;
+  esac
+}
+QPA=${QT_QPA_PLATFORM:-}
+case "${QPA%%:*}" in
+  offscreen|minimal) HAVE_DISPLAY=yes ;;
+  xcb) x_reachable && HAVE_DISPLAY=yes || HAVE_DISPLAY="" ;;
+  wayland*) wayland_reachable && HAVE_DISPLAY=yes || HAVE_DISPLAY="" ;;
+  *) { x_reachable || wayland_reachable; } && HAVE_DISPLAY=yes || HAVE_DISPLAY="" ;;
+esac
+if [ -z "$HAVE_DISPLAY" ]; then
   if [ -z "$SCREENSHOT" ]; then
     cat >&2 <<MSG
-demo: there is no display (neither DISPLAY nor WAYLAND_DISPLAY is set), so Vireo's window
-cannot be shown. Run the demo on a desktop, or under a virtual X server:
+demo: no display can be reached (DISPLAY=${DISPLAY:-unset}, WAYLAND_DISPLAY=${WAYLAND_DISPLAY:-unset}${QPA:+, QT_QPA_PLATFORM=$QPA}),
+so Vireo's window cannot be shown. Run the demo on a desktop, or under a virtual X server:
 
     xvfb-run -a ./run demo --screenshot vireo.png     # then look at vireo.png
 

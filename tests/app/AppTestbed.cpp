@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <chrono>
 
 #include "device/LinkDev.h"
 #include "platform/Defaults.h"
@@ -126,6 +127,8 @@ void AppTest::TearDown()
 
 int ScriptedAlertPresenter::runModal(const Alert& alert)
 {
+    if (_whileOpen)
+        _whileOpen();
     std::lock_guard lock(_mutex);
     _shown.push_back({alert, platform::mainthread::isMainThread()});
     if (_answers.empty())
@@ -189,6 +192,12 @@ bool Worker::finished() const
     return !_busy;
 }
 
+bool Worker::waitWithoutEventLoop(int timeoutMs)
+{
+    std::unique_lock lock(_mutex);
+    return _stepEnded.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return !_busy; });
+}
+
 bool Worker::run(std::function<void()> step)
 {
     start(std::move(step));
@@ -208,6 +217,7 @@ void Worker::loop()
         step();
         lock.lock();
         _busy = false;
+        _stepEnded.notify_all();
     }
 }
 

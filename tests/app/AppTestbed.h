@@ -65,6 +65,8 @@ class ScriptedAlertPresenter : public AlertPresenter {
 public:
     int runModal(const Alert& alert) override;
     void answer(int button);
+    // Runs inside runModal, while the alert is open (main thread), before it is answered.
+    void whileOpen(std::function<void()> look) { _whileOpen = std::move(look); }
 
     struct Shown {
         Alert alert;
@@ -76,6 +78,7 @@ private:
     mutable std::mutex _mutex;  // guards both fields (written on the main thread, read by tests)
     std::deque<int> _answers;
     std::vector<Shown> _shown;
+    std::function<void()> _whileOpen;  // set before the alerts run
 };
 
 // Keys written to the store, in order, while alive; entries() also has the value each key
@@ -86,6 +89,12 @@ public:
     ~WriteRecorder();
     QStringList keys() const { return _keys; }
     QStringList entries() const { return _entries; }
+    // Adds an event that is not a write (say, a field changing) to both lists, in its place.
+    void mark(const QString& event)
+    {
+        _keys << event;
+        _entries << event;
+    }
 
 private:
     QStringList _keys;
@@ -105,12 +114,16 @@ public:
     // Starts step on the worker and returns at once; finished() tells when it is over.
     void start(std::function<void()> step);
     bool finished() const;
+    // Blocks this thread, without running the main loop, until the step has returned; false
+    // if it did not within timeoutMs (a guard against a hang, not a timing check).
+    bool waitWithoutEventLoop(int timeoutMs);
 
 private:
     void loop();
 
     mutable std::mutex _mutex;  // guards the three fields below
     std::condition_variable _wake;
+    std::condition_variable _stepEnded;
     std::function<void()> _step;
     bool _busy = false;
     bool _quit = false;

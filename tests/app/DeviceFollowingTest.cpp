@@ -2,6 +2,8 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <cstddef>
+#include <new>
 
 #include "AppTestbed.h"
 #include "app/AppInterface.h"
@@ -107,12 +109,83 @@ TEST_F(AppTest, DeviceThatRefusesASessionIsNamedZephyr)
     EXPECT_TRUE(Defaults::standard().boolForKey(QStringLiteral("connected")));
 }
 
+TEST_F(AppTest, DeviceChangeWritesStateBeforeClearingTheAnswer)
+{
+    Defaults& store = Defaults::standard();
+    AppInterface interface(store);
+    QLineEdit* answer = interface.mainWindow().checkStatusField();
+    apptest::WriteRecorder writes;
+    QObject::connect(answer, &QLineEdit::textChanged, answer,
+                     [&](const QString& text) { writes.mark(QStringLiteral("answer=") + text); });
+    const QStringList watched = {QStringLiteral("connected"), QStringLiteral("activeConnectedLinkDevName")};
+    auto steps = [&] {
+        QStringList order;
+        for (const QString& entry : writes.entries())
+            if (watched.contains(entry.section(u'=', 0, 0)) || entry.startsWith(u"answer="))
+                order << entry;
+        return order;
+    };
+
+    answer->setText(QStringLiteral("Lumen is likely holding the lock file."));
+    auto device = Testbed::instance().attachNewDevice(QStringLiteral("Ordered Tamber"));
+    ASSERT_TRUE(waitForCurrent(interface.controller(), device->identifier()));
+    answer->setText(QStringLiteral("No one is holding the lock file."));
+    Testbed::instance().detach(device);
+    ASSERT_TRUE(waitForCurrent(interface.controller(), QString()));
+
+    EXPECT_EQ(steps(), (QStringList{QStringLiteral("answer=Lumen is likely holding the lock file."),
+                                    QStringLiteral("connected=true"),
+                                    QStringLiteral("activeConnectedLinkDevName=Ordered Tamber"), QStringLiteral("answer="),
+                                    QStringLiteral("answer=No one is holding the lock file."),
+                                    QStringLiteral("connected=false"),
+                                    QStringLiteral("activeConnectedLinkDevName=No Device Connected"),
+                                    QStringLiteral("answer=")}));
+}
+
+namespace {
+
+// Counts the device changes it is told about, into a count that outlives it.
+class CountingObserver : public LinkDevObserver {
+public:
+    explicit CountingObserver(int& told) : _told(told) {}
+    void handlinkAvailabliltyDidChange() override { ++_told; }
+
+private:
+    int& _told;
+};
+
+}  // namespace
+
 TEST_F(AppTest, DestroyedControllerIsNoLongerTold)
 {
-    auto controller = std::make_unique<VRAppController>(Defaults::standard());
-    controller.reset();
-    // A device change after the controller is gone must not reach it (it would crash here,
-    // or under AddressSanitizer).
+    // The controller lives in storage that outlives it. Once it is destroyed, a counting
+    // observer takes the place where the registry knew the controller: should the registry
+    // still hold that address, the change below reaches the counter instead of freed memory.
+    alignas(VRAppController) std::byte storage[sizeof(VRAppController)];
+    auto* controller = new (storage) VRAppController(Defaults::standard());
+    auto* const registered = static_cast<LinkDevObserver*>(controller);
+    controller->~VRAppController();
+
+    int told = 0;
+    const auto offset = reinterpret_cast<std::byte*>(registered) - storage;
+    ASSERT_LE(offset + sizeof(CountingObserver), sizeof storage);
+    auto* standIn = new (registered) CountingObserver(told);
+    ASSERT_EQ(static_cast<LinkDevObserver*>(standIn), registered);
+
     auto device = Testbed::instance().attachNewDevice(QStringLiteral("Later"));
+    Testbed::instance().detach(device);
+    EXPECT_EQ(told, 0) << "the registry still told the destroyed controller";
     EXPECT_FALSE(Defaults::standard().boolForKey(QStringLiteral("connected")));
+
+    // Whatever happened, the storage must not stay registered past this test.
+    LinkDev::unregisterDeviceObserver(registered);
+    standIn->~CountingObserver();
+
+    // The counter does count when the registry tells it.
+    told = 0;
+    CountingObserver listening(told);
+    LinkDev::registerDeviceObserver(&listening);
+    device = Testbed::instance().attachNewDevice(QStringLiteral("Heard"));
+    LinkDev::unregisterDeviceObserver(&listening);
+    EXPECT_EQ(told, 1);
 }

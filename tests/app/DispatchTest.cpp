@@ -1,9 +1,11 @@
 // doIt: the delayed start of each command by "linkDevAction", and the return to idle.
+#include <QCoreApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QTabWidget>
+#include <QTimer>
 
 #include "AppTestbed.h"
 #include "app/AppInterface.h"
@@ -46,6 +48,7 @@ void startAndExpectBusy(Dispatch& d, qint64 action)
     EXPECT_TRUE(d.indeterminate());
     EXPECT_EQ(d.text->text(), QString());
     EXPECT_TRUE(d.controller.hasScheduledCommand());
+    EXPECT_EQ(d.controller.scheduledCommandDelays(), QList<int>{100}) << "the command waits 0.1 s";
     EXPECT_FALSE(d.interface.mainWindow().runButton()->isEnabled());
 }
 
@@ -109,6 +112,39 @@ TEST_F(AppTest, CheckStatusShowsItsTextAndReturnsToIdle)
     EXPECT_FALSE(writes.keys().contains(QStringLiteral("activeLinkDevActionSyncing")));
     // No device object at all: every request counts as acquired.
     EXPECT_EQ(d.interface.mainWindow().checkStatusField()->text(), QStringLiteral("No one is holding the lock file."));
+}
+
+TEST_F(AppTest, EachPressSchedulesItsOwnCommand)
+{
+    Dispatch d;
+    apptest::WriteRecorder writes;
+    QLineEdit* answer = d.interface.mainWindow().checkStatusField();
+    QObject::connect(answer, &QLineEdit::textChanged, answer, [&](const QString& text) { writes.mark(QStringLiteral("answer=") + text); });
+
+    // doIt does not look at what is already waiting: Check Status, then Get Files.
+    d.store.setInteger(QStringLiteral("linkDevAction"), 2);
+    d.controller.doIt();
+    d.store.setInteger(QStringLiteral("linkDevAction"), 0);
+    d.controller.doIt();
+    EXPECT_EQ(d.controller.scheduledCommandDelays(), (QList<int>{100, 100})) << "one delayed start per press";
+    EXPECT_EQ(d.text->text(), QString()) << "neither runs before the main loop turns";
+    EXPECT_TRUE(answer->text().isEmpty());
+    EXPECT_FALSE(d.store.boolForKey(QStringLiteral("activeLinkDevActionGetFiles")));
+
+    ASSERT_TRUE(testsupport::runUntil(
+        [&] { return writes.entries().contains(QStringLiteral("activeLinkDevActionGetFiles=false")); }));
+    ASSERT_TRUE(testsupport::runUntil([&] { return d.idle(); }));
+    EXPECT_FALSE(d.controller.hasScheduledCommand());
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_EQ(d.controller.findChildren<QTimer*>().size(), 0) << "fired timers are cleaned up";
+    EXPECT_EQ(writes.entries(),
+              (QStringList{QStringLiteral("linkDevAction=2"), QStringLiteral("appInactive=false"),
+                           QStringLiteral("linkDevAction=0"), QStringLiteral("appInactive=false"),
+                           // Check Status first, to its end...
+                           QStringLiteral("answer=No one is holding the lock file."), QStringLiteral("appInactive=true"),
+                           // ...then Get Files.
+                           QStringLiteral("activeLinkDevActionGetFiles=true"),
+                           QStringLiteral("activeLinkDevActionGetFiles=false"), QStringLiteral("appInactive=true")}));
 }
 
 TEST_F(AppTest, UnknownActionsReturnToIdleAtOnce)

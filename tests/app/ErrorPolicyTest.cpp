@@ -96,6 +96,24 @@ TEST_F(AppTest, StopRecordsTheErrorAndLeavesTheUserCancelled)
     EXPECT_EQ(p.presenter.shown().size(), 2u);
 }
 
+TEST_F(AppTest, UserCountsAsCancelledWhileTheQuestionIsOpen)
+{
+    Policy p;
+    std::vector<bool> cancelledWhileOpen;  // main thread only
+    p.presenter.whileOpen([&] { cancelledWhileOpen.push_back(p.controller.userCancelledForError()); });
+
+    // From a clear start, answered "Continue Anyways"; then again, answered "Stop".
+    EXPECT_FALSE(p.controller.userCancelledForError());
+    p.presenter.answer(kAlertSecondButtonReturn);
+    ASSERT_TRUE(p.worker.run([&] { EXPECT_TRUE(p.controller.taskStatusShouldIgnoreError(&p.status, notConnected())); }));
+    EXPECT_FALSE(p.controller.userCancelledForError());
+    p.presenter.answer(kAlertFirstButtonReturn);
+    ASSERT_TRUE(p.worker.run([&] { EXPECT_FALSE(p.controller.taskStatusShouldIgnoreError(&p.status, notConnected())); }));
+    EXPECT_TRUE(p.controller.userCancelledForError());
+
+    EXPECT_EQ(cancelledWhileOpen, (std::vector<bool>{true, true}));
+}
+
 TEST_F(AppTest, ContinueAnywaysLetsTheJobGoOn)
 {
     Policy p;
@@ -121,11 +139,15 @@ TEST_F(AppTest, PlainAlertIsPostedWithoutWaiting)
 {
     Policy p;
     const Error posix(platform::kPOSIXErrorDomain, 28, QString(), QStringLiteral("/tmp/Vireo/Media"));
-    // The worker returns before the main thread shows anything: nothing runs the main
-    // loop until it has been joined.
-    std::thread worker([&] { p.controller._presentAlertForError(posix); });
-    worker.join();
+    // The main thread runs no events until the worker has returned, so a call that waited for
+    // the alert would never return: the bounded wait then fails the test instead of hanging.
+    p.worker.start([&] { p.controller._presentAlertForError(posix); });
+    const bool returnedAlone = p.worker.waitWithoutEventLoop(10000);
+    EXPECT_TRUE(returnedAlone) << "_presentAlertForError waited for the main thread";
     EXPECT_TRUE(p.presenter.shown().empty());
+    if (!returnedAlone) {
+        ASSERT_TRUE(testsupport::runUntil([&] { return p.worker.finished(); }));
+    }
 
     ASSERT_TRUE(testsupport::runUntil([&] { return !p.presenter.shown().empty(); }));
     const auto shown = p.presenter.shown();

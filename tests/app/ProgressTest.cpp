@@ -3,6 +3,8 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QThread>
+#include <atomic>
+#include <vector>
 
 #include "AppTestbed.h"
 #include "app/AppInterface.h"
@@ -23,12 +25,15 @@ struct Progress {
     QLabel* text = interface.mainWindow().opStatusText();
     apptest::Worker worker;
     std::vector<bool> barChangesOnMainThread;
+    // The bar's value as the main thread last set it; the worker reads it.
+    std::atomic<int> barValueSeen{-1};
 
     Progress()
     {
         interface.show();
-        QObject::connect(bar, &QProgressBar::valueChanged, bar, [this] {
+        QObject::connect(bar, &QProgressBar::valueChanged, bar, [this](int value) {
             barChangesOnMainThread.push_back(QThread::currentThread() == bar->thread());
+            barValueSeen = value;
         }, Qt::DirectConnection);
         bar->setRange(0, 0);
         text->setText(QStringLiteral("Before"));
@@ -94,6 +99,49 @@ TEST_F(AppTest, ProgressFollowsTheTransferPassOnly)
     ASSERT_FALSE(p.barChangesOnMainThread.empty());
     for (bool onMain : p.barChangesOnMainThread)
         EXPECT_TRUE(onMain) << "the bar was changed off the main thread";
+}
+
+TEST_F(AppTest, ProgressIgnoresPlainCounting)
+{
+    Progress p;
+    HLTaskStatus status(&p.controller);
+    // Phase 0 posts for every change too; none reaches the window.
+    ASSERT_TRUE(p.worker.run([&] {
+        status.setTaskPhase(kHLTaskPhaseNone);
+        status._setTotalBytesToTransfer(1000);
+        status.incrementBytesTransfered(400);
+        status._setLocalizedStatusInfo(QStringLiteral("Counting"));
+        status._setLocalizedStatusInfo(QString());
+    }));
+    EXPECT_EQ(status.bytesTransfered(), 400u);
+    EXPECT_TRUE(p.indeterminate());
+    EXPECT_EQ(p.barValueSeen, -1);
+    EXPECT_TRUE(p.text->isVisible());
+    EXPECT_EQ(p.text->text(), QStringLiteral("Before"));
+}
+
+TEST_F(AppTest, ProgressUpdateWaitsForTheMainThread)
+{
+    Progress p;
+    HLTaskStatus status(&p.controller);
+    constexpr int kUpdates = 1000;
+    std::vector<int> seenAfterReturn;
+    // Each update in the transfer pass moves the bar by one thousandth. Right after
+    // taskStatusDidChange returns on the worker, the main thread must already have set it.
+    ASSERT_TRUE(p.worker.run([&] {
+        status.willBeginSubtask(QString(), kUpdates);
+        status.setTaskPhase(kHLTaskPhaseTransfer);
+        for (int i = 1; i <= kUpdates; ++i) {
+            status.incrementBytesTransfered(1);
+            seenAfterReturn.push_back(p.barValueSeen.load());
+        }
+    }));
+    ASSERT_EQ(seenAfterReturn.size(), size_t(kUpdates));
+    int early = 0;
+    for (int i = 0; i < kUpdates; ++i)
+        early += seenAfterReturn[i] != i + 1;
+    EXPECT_EQ(early, 0) << "updates returned before the main thread had shown them";
+    EXPECT_EQ(p.bar->value(), kUpdates);
 }
 
 TEST_F(AppTest, ProgressIgnoresAJobWithoutATotal)

@@ -144,6 +144,29 @@ TEST_F(AppTest, WrongTypedValuesFallBackToDefaults)
     EXPECT_EQ(spin->value(), 0.0);
 }
 
+TEST_F(AppTest, PreferenceKeptWhenTheStoreReadsItAsAFlag)
+{
+    // An empty value and "no" read as false, so they are the user's choice and stay; a text
+    // the store cannot read as a flag gets the default back.
+    writeFile(defaultsPath, "[General]\n"
+                            "getFiles.includeArtwork=\n"
+                            "getFiles.includePurchasedContent=maybe\n"
+                            "getFiles.includeRecordings=YES\n"
+                            "settingsWindowVisible=no\n");
+    Defaults::setStandardFile(defaultsPath);
+    Defaults& store = Defaults::standard();
+    apptest::WriteRecorder writes;
+    VRAppController controller(store);
+
+    EXPECT_EQ(writes.keys(), kStateWrites + QStringList(QStringLiteral("getFiles.includePurchasedContent")));
+    EXPECT_TRUE(store.hasValue(QStringLiteral("getFiles.includeArtwork")));
+    EXPECT_FALSE(store.boolForKey(QStringLiteral("getFiles.includeArtwork"))) << "not replaced by its default, true";
+    EXPECT_FALSE(store.boolForKey(QStringLiteral("getFiles.includePurchasedContent")));
+    EXPECT_TRUE(store.boolForKey(QStringLiteral("getFiles.includeRecordings")));
+    EXPECT_FALSE(store.boolForKey(QStringLiteral("settingsWindowVisible")));
+    EXPECT_EQ(store.objectForKey(QStringLiteral("settingsWindowVisible")).toString(), QStringLiteral("no"));
+}
+
 TEST_F(AppTest, DefaultsPathThatIsAFolderDoesNotStopTheStart)
 {
     ASSERT_TRUE(QDir().mkpath(defaultsPath));
