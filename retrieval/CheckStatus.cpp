@@ -5,11 +5,8 @@
 
 namespace checkstatus {
 
-namespace {
-
-// One waiting attempt, released at once when it succeeded. A missing device answers handle 0,
-// which counts as acquired and whose release goes nowhere.
-bool probe(const std::shared_ptr<LinkDev>& device, bool shared)
+// A missing device answers handle 0, which counts as acquired and whose release goes nowhere.
+bool probeLock(const std::shared_ptr<LinkDev>& device, bool shared)
 {
     if (!device) return true;
     const int32_t handle =
@@ -20,12 +17,10 @@ bool probe(const std::shared_ptr<LinkDev>& device, bool shared)
     return true;
 }
 
-}  // namespace
-
 QString probeSyncLock(const std::shared_ptr<LinkDev>& device)
 {
-    const bool exclusive = probe(device, false);
-    const bool shared = probe(device, true);  // made in every case
+    const bool exclusive = probeLock(device, false);
+    const bool shared = probeLock(device, true);  // made in every case
     if (exclusive) return kNoOneHolding;
     if (shared) return kZephyrHolding;
     return kLumenHolding;

@@ -38,6 +38,11 @@ inline const QString kZephyrHolding = QStringLiteral("Zephyr is likely holding t
 inline const QString kLumenHolding = QStringLiteral("Lumen is likely holding the lock file.");
 inline constexpr double kProbeTimeout = 0.2;
 
+// One attempt: takes the lock file (shared or exclusively) waiting up to kProbeTimeout, with no
+// lock-request notification, and gives it back at once when it got it. True when it got it;
+// without a device object every request counts as acquired (handle 0).
+bool probeLock(const std::shared_ptr<LinkDev>& device, bool shared);
+
 // The probe alone: one of the three texts above. Without a device object each request
 // counts as acquired (handle 0), so the answer is "No one is holding the lock file.".
 QString probeSyncLock(const std::shared_ptr<LinkDev>& device);

@@ -29,6 +29,7 @@ void SimulateSyncCommand::_blockingSimulateSync(std::shared_ptr<LinkDev> device,
         SyncSimulator::create(std::move(device), duration, false, false, false);
     simulator->setDelegate(this);
     simulator->runSimulationForFirstAttachedDevice();
+    _lastSyncPauseMicroseconds.store(simulator->lastSyncPauseMicroseconds());
     // A pending simulation keeps its simulator alive by itself.
     simulator.reset();
     platform::mainthread::post([this] { _syncSimulateDone(); });

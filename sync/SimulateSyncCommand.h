@@ -22,6 +22,8 @@
 // whichever thread runs the simulation (the worker, or the main thread for a pending run).
 // Window changes from the worker are posted to the main thread without waiting.
 #include <QString>
+#include <atomic>
+#include <cstdint>
 #include <memory>
 
 #include "device/LinkDev.h"
@@ -65,6 +67,12 @@ public:
     // Main thread: shows the text in the status field.
     void updateSyncInfoText(const QString& text);
 
+    // Any thread: the simulated sync's pause, in microseconds, of the last simulation that ran
+    // inside _blockingSimulateSync (0 for one left pending for a device, or one that failed
+    // before its sync).
+    uint32_t lastSyncPauseMicroseconds() const { return _lastSyncPauseMicroseconds.load(); }
+
 private:
     SimulateSyncHost& _host;
+    std::atomic<uint32_t> _lastSyncPauseMicroseconds{0};
 };

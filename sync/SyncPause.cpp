@@ -19,10 +19,17 @@ char g_lineBuffer[1024];     // one line of standard input, shared by every prom
 uint32_t pauseMicroseconds(long randomValue, float seconds)
 {
     const long m = randomValue % 1000000;
-    // 32-bit float on purpose: the pause is float(m) * seconds, truncated.
+    // 32-bit float on purpose: the pause is float(m) * seconds, truncated, of which usleep
+    // gets the low 32 bits (a product of 2^32 microseconds or more wraps around).
     const float product = static_cast<float>(m) * seconds;
-    if (!std::isfinite(product) || std::fabs(product) >= 9.0e18f) return 0;
-    return static_cast<uint32_t>(static_cast<int64_t>(product));
+    // An infinite or NaN duration has no integer part to hand on: it gives no pause.
+    if (!std::isfinite(product)) return 0;
+    // The truncation and the remainder are exact in double for every finite float, so this is
+    // the low 32 bits (two's complement for a negative product) at any magnitude, without the
+    // undefined conversion of an out-of-range float to an integer.
+    double low = std::fmod(std::trunc(static_cast<double>(product)), 4294967296.0);
+    if (low < 0.0) low += 4294967296.0;
+    return static_cast<uint32_t>(low);
 }
 
 uint32_t randomPause(float seconds)
@@ -38,8 +45,9 @@ QString promptForLine(const QString& prompt)
     std::lock_guard guard(g_consoleMutex);
     std::fprintf(stdout, "%s ", prompt.toUtf8().constData());
     std::fflush(stdout);
-    // Only the wait matters; at end of input the read returns at once with nothing.
-    if (!std::fgets(g_lineBuffer, sizeof g_lineBuffer, stdin)) g_lineBuffer[0] = '\0';
+    // Only the wait matters. End of input is not examined: the read returns at once and the
+    // buffer keeps the line read before it.
+    [[maybe_unused]] const char* line = std::fgets(g_lineBuffer, sizeof g_lineBuffer, stdin);
     return QString::fromUtf8(g_lineBuffer).trimmed();
 }
 

@@ -142,14 +142,16 @@ private:
 namespace syncsim {
 
 // Pauses the calling thread for a random time below seconds: m = random() mod 1,000,000,
-// then usleep of the integer part of float(m) * seconds (in 32-bit float). 0 gives no pause.
-// Returns the microseconds slept.
+// then usleep of the low 32 bits of the integer part of float(m) * seconds (in 32-bit float).
+// 0 gives no pause. Returns the microseconds slept.
 uint32_t randomPause(float seconds);
-// The arithmetic of randomPause for a given random() value.
+// The arithmetic of randomPause for a given random() value; a non-finite product gives 0.
 uint32_t pauseMicroseconds(long randomValue, float seconds);
 
 // Console prompt: writes "<prompt> " to standard output, flushes, reads one line from standard
-// input (at most 1023 characters) and returns it trimmed. End of input returns at once.
+// input (at most 1023 characters; the rest of a longer line is left for the next read) into a
+// buffer shared by every prompt and returns it trimmed. At end of input the read returns at
+// once and the buffer still holds the line read before.
 QString promptForLine(const QString& prompt);
 
 }  // namespace syncsim

@@ -7,6 +7,7 @@
 #include "SyncTestbed.h"
 #include "platform/Defaults.h"
 #include "platform/MainThread.h"
+#include "platform/SystemLog.h"
 #include "sync/SimulateSyncCommand.h"
 
 using namespace synctest;
@@ -102,6 +103,32 @@ TEST_F(SimulateSyncCommandTest, FailureTextStaysInTheField)
     EXPECT_EQ(host.field.text(), QStringLiteral("failure to: post kLumenDidStartSyncLinkDevNotificationName\n Bailing."));
     EXPECT_EQ(device->postCount(kFailedToStart), 1);
     EXPECT_FALSE(host.calledOffMain);
+}
+
+TEST_F(SimulateSyncCommandTest, DurationIsReadOnEachRun)
+{
+    WindowHost host;
+    host.device = dev;
+    SimulateSyncCommand command(host);
+    platform::LogCapture log;
+
+    // A duration of 0.05 s: the simulated sync pauses for some part of it.
+    host.store.setFloat(QStringLiteral("syncSim.duration"), 0.05f);
+    command.simulateSync();
+    ASSERT_TRUE(waitFor([&] { return host.finished(); }));
+    EXPECT_EQ(host.field.text(), QStringLiteral("Done."));
+    EXPECT_GT(command.lastSyncPauseMicroseconds(), 0u);
+    EXPECT_LT(command.lastSyncPauseMicroseconds(), 50000u);
+
+    // The key gone: the next run reads no duration and does not pause.
+    host.store.removeValue(QStringLiteral("syncSim.duration"));
+    host.store.setBool(kInactive, false);
+    host.texts.clear();
+    command.simulateSync();
+    ASSERT_TRUE(waitFor([&] { return host.finished(); }));
+    EXPECT_EQ(host.texts.last(), QStringLiteral("Done."));
+    EXPECT_EQ(command.lastSyncPauseMicroseconds(), 0u);
+    EXPECT_EQ(log.lines().count(QStringLiteral("pausing to simulate a sync....")), 2) << "both runs reached the sync";
 }
 
 TEST(SimulateSyncCommandWithoutDevice, StateKeysReturnAtOnceAndTheRunWaitsForADevice)

@@ -2,6 +2,7 @@
 // the lock-request answer, and the delegate and timeout.
 #include <QFile>
 #include <gtest/gtest.h>
+#include <mutex>
 
 #include "SyncTestbed.h"
 #include "platform/SystemLog.h"
@@ -268,6 +269,132 @@ TEST_F(SyncSimulatorTest, DeviceGoneBeforeTheRunFailsAtTheFirstPost)
     EXPECT_EQ(recorder.summary(), QStringList({failure(QStringLiteral("post kLumenWillStartSyncLinkDevNotificationName"))}));
     EXPECT_EQ(simulator->linkdev(), dev) << "the device is kept once set";
     device = Testbed::instance().attachNewDevice();  // for TearDown
+}
+
+// One record, in order, of what the delegate was told, which action ran, and what the device
+// saw posted (with how many unlocks it had seen by then). The emulator prints each post before
+// it answers it, so the posts fall into place between the simulator's own events.
+class EventLog : public SyncSimulatorDelegate {
+public:
+    void syncSimulatorStatusUpdate(SyncSimulator*, int32_t status, const QString& text) override
+    {
+        add(QStringLiteral("status %1:%2").arg(QString::number(status), text));
+    }
+    void add(const QString& event)
+    {
+        std::lock_guard guard(_mutex);
+        _events << event;
+    }
+    QStringList events() const
+    {
+        std::lock_guard guard(_mutex);
+        return _events;
+    }
+
+private:
+    mutable std::mutex _mutex;  // guards _events (the emulator's threads and the test's)
+    QStringList _events;
+};
+
+QString posted(const QString& name, int unlocks = 0)
+{
+    return QStringLiteral("posted %1 (unlocks %2)").arg(name, QString::number(unlocks));
+}
+
+class SyncEventOrderTest : public DeviceTest {
+protected:
+    void SetUp() override
+    {
+        DeviceTest::SetUp();
+        Testbed::instance().emulator().setPrinter([log = log, device = device](const QString& line) {
+            if (!line.startsWith(QLatin1String("posted "))) return;
+            log->add(posted(line.section(u' ', 2), device->count(QStringLiteral("qfc-unlock"))));
+        });
+    }
+    void TearDown() override
+    {
+        Testbed::instance().emulator().setPrinter([](const QString&) {});
+        DeviceTest::TearDown();
+    }
+    QStringList run(bool hsNotifications = false, double timeout = 20.0)
+    {
+        auto simulator = SyncSimulator::create(dev, 0.0f, false, hsNotifications, false);
+        simulator->setDelegate(log.get());
+        simulator->setTimeout(timeout);
+        simulator->runSimulationForFirstAttachedDeviceWithSyncBlock([this] { log->add(QStringLiteral("sync")); },
+                                                                    [this] { log->add(QStringLiteral("failed to start")); });
+        return log->events();
+    }
+
+    std::shared_ptr<EventLog> log = std::make_shared<EventLog>();
+};
+
+const QString kWaitingEvent = QStringLiteral("status 1:waiting to acquire lock....");
+
+QString failed(const QString& step)
+{
+    return QStringLiteral("status 2:failure to: %1\n Bailing.").arg(step);
+}
+
+TEST_F(SyncEventOrderTest, SuccessfulRun)
+{
+    EXPECT_EQ(run(true), QStringList({posted(kWillStart), posted(kHSUnblocked), kWaitingEvent, posted(kDidStart),
+                                      QStringLiteral("status 1:"), QStringLiteral("sync"),
+                                      QStringLiteral("status 3:Done."), posted(kDidFinish)}));
+    EXPECT_EQ(device->count(QStringLiteral("qfc-unlock")), 1) << "released after the finishing post";
+}
+
+TEST_F(SyncEventOrderTest, WillStartPostFails)
+{
+    device->addFault(Fault{QStringLiteral("post-notification"), kHLDUndefinedError, 1, 0, kWillStart});
+    EXPECT_EQ(run(), QStringList({QStringLiteral("failed to start"),
+                                  failed(QStringLiteral("post kLumenWillStartSyncLinkDevNotificationName")),
+                                  posted(kFailedToStart)}));
+}
+
+TEST_F(SyncEventOrderTest, HomeScreenPostFails)
+{
+    device->addFault(Fault{QStringLiteral("post-notification"), kHLDUndefinedError, 1, 0, kHSUnblocked});
+    EXPECT_EQ(run(true), QStringList({posted(kWillStart), QStringLiteral("failed to start"),
+                                      failed(QStringLiteral("post kHSUnblockedSyncingNotificationName")),
+                                      posted(kFailedToStart)}));
+}
+
+TEST_F(SyncEventOrderTest, LockNotAcquired)
+{
+    auto holder = device->holdLock(kLockPath, HoldLockOptions{});
+    ASSERT_TRUE(holder);
+    EXPECT_EQ(run(false, 0.0), QStringList({posted(kWillStart), kWaitingEvent, QStringLiteral("failed to start"),
+                                            failed(QStringLiteral("acquire lock")), posted(kFailedToStart)}));
+    EXPECT_EQ(device->count(QStringLiteral("qfc-unlock")), 0);
+}
+
+TEST_F(SyncEventOrderTest, DidStartPostFails)
+{
+    device->addFault(Fault{QStringLiteral("post-notification"), kHLDUndefinedError, 1, 0, kDidStart});
+    EXPECT_EQ(run(), QStringList({posted(kWillStart), kWaitingEvent, QStringLiteral("failed to start"),
+                                  failed(QStringLiteral("post kLumenDidStartSyncLinkDevNotificationName")),
+                                  posted(kFailedToStart)}));
+    EXPECT_EQ(device->count(QStringLiteral("qfc-unlock")), 1) << "released after the finishing post";
+}
+
+TEST_F(SyncEventOrderTest, FailureIndicationFileCannotBeMade)
+{
+    device->addFault(Fault{QStringLiteral("qfc-open"), kQFCPermissionError, 1, 0, kFailureFile});
+    EXPECT_EQ(run(), QStringList({posted(kWillStart), kWaitingEvent, posted(kDidStart),
+                                  failed(QStringLiteral("create Failure Indication File (to be deleted on successful sync)")),
+                                  posted(kDidFinish)}));
+    EXPECT_EQ(device->count(QStringLiteral("qfc-unlock")), 1);
+}
+
+TEST_F(SyncEventOrderTest, FailureIndicationFileCannotBeRemoved)
+{
+    device->addFault(Fault{QStringLiteral("qfc-remove"), kQFCPermissionError, 1, 0, kFailureFile});
+    EXPECT_EQ(run(), QStringList({posted(kWillStart), kWaitingEvent, posted(kDidStart), QStringLiteral("status 1:"),
+                                  QStringLiteral("sync"),
+                                  failed(QStringLiteral("deleting Failure Indication File (to indicate success)")),
+                                  posted(kDidFinish)}));
+    EXPECT_EQ(device->count(QStringLiteral("qfc-unlock")), 1);
 }
 
 TEST(SyncPause, FloatArithmeticOfThePause)
