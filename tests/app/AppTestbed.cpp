@@ -42,73 +42,23 @@ Testbed& Testbed::instance()
     return *g_testbed;
 }
 
-Testbed::Testbed()
-{
-    // The library keeps this host's pairing identity in the configuration folder and finds the
-    // daemon through HANDLINK_SOCKET: both point into the temporary folder.
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(_root.filePath(QStringLiteral("config"))));
-    qputenv("HANDLINK_SOCKET", QFile::encodeName(_root.filePath(QStringLiteral("run/handlinkd.sock"))));
-    _emulator = std::make_unique<handlink::emu::Emulator>(_root.filePath(QStringLiteral("run/handlinkd.sock")));
-    _emulator->setPrinter([](const QString&) {});
-}
-
-Testbed::~Testbed() = default;
-
-void Testbed::start()
-{
-    QString error;
-    if (!_emulator->start(&error))
-        ADD_FAILURE() << "emulator did not start: " << error.toStdString();
-}
-
-void Testbed::stop()
-{
-    _emulator->stop();
-}
-
 std::shared_ptr<handlink::emu::Device> Testbed::attachNewDevice(const QString& name, const QString& pairing)
 {
-    const QString folder = _root.filePath(QStringLiteral("devices/device-%1").arg(++_made));
     handlink::emu::MakeDeviceOptions options;
     options.name = name;
-    options.identifier = QStringLiteral("0000%1-APPTEST").arg(_made, 4, 10, QLatin1Char('0'));
-    QString error;
-    if (!handlink::emu::makeDevice(folder, options, &error)) {
-        ADD_FAILURE() << "makeDevice: " << error.toStdString();
-        return nullptr;
-    }
-    std::shared_ptr<handlink::emu::Device> device = _emulator->attach(folder, &error);
-    if (!device) {
-        ADD_FAILURE() << "attach: " << error.toStdString();
-        return nullptr;
-    }
-    device->setPairing(pairing);
-    const QString identifier = device->identifier();
-    if (!testsupport::runUntil([&] { return LinkDev::availableDeviceIdentifiers().contains(identifier); }))
-        ADD_FAILURE() << "the registry never listed " << identifier.toStdString();
-    return device;
-}
-
-void Testbed::detach(const std::shared_ptr<handlink::emu::Device>& device)
-{
-    if (!device)
-        return;
-    const QString identifier = device->identifier();
-    _emulator->detach(identifier);
-    if (!testsupport::runUntil([&] { return !LinkDev::availableDeviceIdentifiers().contains(identifier); }))
-        ADD_FAILURE() << "the registry still lists " << identifier.toStdString();
+    return EmulatorTestbed::attachNewDevice(options, [&](handlink::emu::Device& device) { device.setPairing(pairing); });
 }
 
 void Testbed::detachAll()
 {
-    for (const QString& identifier : _emulator->attachedIdentifiers())
-        detach(_emulator->device(identifier));
+    for (const QString& identifier : emulator().attachedIdentifiers())
+        detach(emulator().device(identifier));
 }
 
 QString Testbed::freshDefaultsFile()
 {
-    QDir().mkpath(_root.filePath(QStringLiteral("defaults")));
-    const QString path = _root.filePath(QStringLiteral("defaults/vireo-%1.ini").arg(++_defaultsFiles));
+    QDir().mkpath(root() + QStringLiteral("/defaults"));
+    const QString path = root() + QStringLiteral("/defaults/vireo-%1.ini").arg(++_defaultsFiles);
     platform::Defaults::setStandardFile(path);
     return path;
 }

@@ -4,7 +4,6 @@
 // presenter that answers from a script.
 #include <QString>
 #include <QStringList>
-#include <QTemporaryDir>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -17,35 +16,25 @@
 
 #include "app/AlertPresenter.h"
 #include "handlink/emulator/Emulator.h"
+#include "support/EmulatorTestbed.h"
 
 namespace apptest {
 
-class Testbed {
+class Testbed : public testsupport::EmulatorTestbed {
 public:
     static Testbed& instance();
 
-    Testbed();
-    ~Testbed();
-    void start();
-    void stop();
-
-    handlink::emu::Emulator& emulator() { return *_emulator; }
-    QString root() const { return _root.path(); }
+    Testbed() : EmulatorTestbed(QStringLiteral("APPTEST")) {}
 
     // Makes a device with this DeviceName, attaches it and waits until the registry lists it.
     std::shared_ptr<handlink::emu::Device> attachNewDevice(const QString& name,
                                                            const QString& pairing = QStringLiteral("accept"));
-    // Detaches and waits until the registry no longer lists it.
-    void detach(const std::shared_ptr<handlink::emu::Device>& device);
     void detachAll();
 
     // Points the standard defaults store at a new, empty file and returns its path.
     QString freshDefaultsFile();
 
 private:
-    QTemporaryDir _root;
-    std::unique_ptr<handlink::emu::Emulator> _emulator;
-    int _made = 0;
     int _defaultsFiles = 0;
 };
 

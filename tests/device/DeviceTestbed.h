@@ -1,44 +1,31 @@
 #pragma once
-// The device tests' emulator: one in-process emulator per test binary on one socket path
-// (the registry subscribes once per process), devices made in a temporary folder, and
-// helpers that wait until the registry has seen an attach or detach.
+// The device tests' emulator: the shared emulator testbed, made before the first test and
+// stopped after the last, with devices named "Tamber" by default.
 #include <QString>
-#include <QTemporaryDir>
 #include <atomic>
 #include <gtest/gtest.h>
 #include <memory>
 
 #include "device/LinkDev.h"
 #include "handlink/emulator/Emulator.h"
+#include "support/EmulatorTestbed.h"
 
 namespace devicetest {
 
-class Testbed {
+class Testbed : public testsupport::EmulatorTestbed {
 public:
     // Created by the test environment (before the first test), stopped after the last.
     static Testbed& instance();
 
-    Testbed();
-    ~Testbed();
-    void start();
-    void stop();
-
-    handlink::emu::Emulator& emulator() { return *_emulator; }
-    QString root() const { return _root.path(); }
+    Testbed() : EmulatorTestbed(QStringLiteral("TESTDEVICE")) {}
 
     // Makes a new device folder and attaches it; waits until the registry lists it.
-    std::shared_ptr<handlink::emu::Device> attachNewDevice(const QString& name = QStringLiteral("Tamber"));
-    // Attaches a device folder made earlier; waits until the registry lists it.
-    std::shared_ptr<handlink::emu::Device> attachFolder(const QString& folder);
-    // Detaches and waits until the registry no longer lists it.
-    void detach(const std::shared_ptr<handlink::emu::Device>& device);
-    // A new device object for the attached device with this identifier.
-    static std::shared_ptr<LinkDev> linkDevFor(const QString& identifier);
-
-private:
-    QTemporaryDir _root;
-    std::unique_ptr<handlink::emu::Emulator> _emulator;
-    int _made = 0;
+    std::shared_ptr<handlink::emu::Device> attachNewDevice(const QString& name = QStringLiteral("Tamber"))
+    {
+        handlink::emu::MakeDeviceOptions options;
+        options.name = name;
+        return EmulatorTestbed::attachNewDevice(options);
+    }
 };
 
 // Registers an observer (subscribing the registry) before the first test, and stops the
@@ -59,23 +46,6 @@ public:
 };
 
 // A fresh device attached for each test, and a device object for it.
-class DeviceTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        device = Testbed::instance().attachNewDevice();
-        ASSERT_TRUE(device);
-        dev = Testbed::linkDevFor(device->identifier());
-        ASSERT_TRUE(dev);
-    }
-    void TearDown() override
-    {
-        dev.reset();
-        Testbed::instance().detach(device);
-    }
-
-    std::shared_ptr<handlink::emu::Device> device;
-    std::shared_ptr<LinkDev> dev;
-};
+using DeviceTest = testsupport::AttachedDeviceTest<Testbed>;
 
 }  // namespace devicetest

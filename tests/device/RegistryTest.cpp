@@ -25,6 +25,13 @@ QString identifierOf(const std::shared_ptr<LinkDev>& device)
     return device ? HLDeviceCopyDeviceIdentifier(device->deviceRef()) : QString();
 }
 
+// A counting observer registered for as long as it lives.
+class RegisteredObserver : public CountingObserver {
+public:
+    RegisteredObserver() { LinkDev::registerDeviceObserver(this); }
+    ~RegisteredObserver() override { LinkDev::unregisterDeviceObserver(this); }
+};
+
 // An observer that unregisters another observer when told.
 class UnregisteringObserver : public LinkDevObserver {
 public:
@@ -129,14 +136,12 @@ TEST(Registry, FirstObserverLearnsOfAttachedDevicesThroughTheLibrary)
 TEST(Registry, LateObserverIsToldAtOnceAndOthersAreNotToldAgain)
 {
     Testbed& bed = Testbed::instance();
-    CountingObserver first;
-    LinkDev::registerDeviceObserver(&first);
+    RegisteredObserver first;
     auto device = bed.attachNewDevice();
     ASSERT_TRUE(device);
     EXPECT_EQ(first.calls, 1);
 
-    CountingObserver late;
-    LinkDev::registerDeviceObserver(&late);
+    RegisteredObserver late;
     EXPECT_EQ(late.calls, 1);
     EXPECT_EQ(first.calls, 1);
 
@@ -146,15 +151,12 @@ TEST(Registry, LateObserverIsToldAtOnceAndOthersAreNotToldAgain)
     LinkDev::registerDeviceObserver(&quiet);
     EXPECT_EQ(quiet.calls, 0);
     LinkDev::unregisterDeviceObserver(&quiet);
-    LinkDev::unregisterDeviceObserver(&late);
-    LinkDev::unregisterDeviceObserver(&first);
 }
 
 TEST(Registry, FirstAndLastFollowTheOrderOfArrival)
 {
     Testbed& bed = Testbed::instance();
-    CountingObserver observer;
-    LinkDev::registerDeviceObserver(&observer);
+    RegisteredObserver observer;
     EXPECT_EQ(LinkDev::firstAvailableDevice(), nullptr);
     EXPECT_EQ(LinkDev::lastAvailableDevice(), nullptr);
 
@@ -176,14 +178,12 @@ TEST(Registry, FirstAndLastFollowTheOrderOfArrival)
     EXPECT_EQ(observer.calls, 4);
     EXPECT_EQ(LinkDev::firstAvailableDevice(), nullptr);
     EXPECT_EQ(LinkDev::lastAvailableDevice(), nullptr);
-    LinkDev::unregisterDeviceObserver(&observer);
 }
 
 TEST(Registry, ReattachedDeviceIsTheSameDeviceUnderANewReference)
 {
     Testbed& bed = Testbed::instance();
-    CountingObserver observer;
-    LinkDev::registerDeviceObserver(&observer);
+    RegisteredObserver observer;
     auto device = bed.attachNewDevice();
     ASSERT_TRUE(device);
     std::shared_ptr<LinkDev> before = LinkDev::lastAvailableDevice();  // keeps the old reference alive
@@ -208,14 +208,12 @@ TEST(Registry, ReattachedDeviceIsTheSameDeviceUnderANewReference)
     // A detach event for a device not listed changes nothing and tells no one.
     deliver(after->deviceRef(), kHLDNotificationDisconnected);
     EXPECT_EQ(observer.calls, 4);
-    LinkDev::unregisterDeviceObserver(&observer);
 }
 
 TEST(Registry, EndOfSubscriptionRemovesAndUnknownMessagesAreReported)
 {
     Testbed& bed = Testbed::instance();
-    CountingObserver observer;
-    LinkDev::registerDeviceObserver(&observer);
+    RegisteredObserver observer;
     auto device = bed.attachNewDevice();
     ASSERT_TRUE(device);
     std::shared_ptr<LinkDev> listed = LinkDev::lastAvailableDevice();
@@ -233,14 +231,12 @@ TEST(Registry, EndOfSubscriptionRemovesAndUnknownMessagesAreReported)
     EXPECT_EQ(observer.calls, 3);
     bed.detach(device);
     EXPECT_EQ(observer.calls, 4);
-    LinkDev::unregisterDeviceObserver(&observer);
 }
 
 TEST(Registry, DaemonGoingAwayRemovesItsDevicesAndTheyComeBack)
 {
     Testbed& bed = Testbed::instance();
-    CountingObserver observer;
-    LinkDev::registerDeviceObserver(&observer);
+    RegisteredObserver observer;
     auto device = bed.attachNewDevice();
     ASSERT_TRUE(device);
     bed.emulator().stop();
@@ -252,7 +248,6 @@ TEST(Registry, DaemonGoingAwayRemovesItsDevicesAndTheyComeBack)
         [&] { return LinkDev::availableDeviceIdentifiers() == QStringList{device->identifier()}; }));
     EXPECT_EQ(observer.calls, 3);
     bed.detach(bed.emulator().device(device->identifier()));
-    LinkDev::unregisterDeviceObserver(&observer);
 }
 
 TEST(Registry, UnregisteredObserversAreNeverCalled)

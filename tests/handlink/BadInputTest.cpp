@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "HandlinkTestbed.h"
+#include "WireBytes.h"
 #include "handlink/client/DaemonSocket.h"
 #include "handlink/wire/Frame.h"
 #include "handlink/wire/UniqueFd.h"
@@ -18,15 +19,6 @@ using handlink::wire::ReadResult;
 using handlink::wire::UniqueFd;
 
 namespace {
-
-QByteArray header(uint32_t length) {
-    QByteArray h(4, 0);
-    h[0] = char(length >> 24);
-    h[1] = char(length >> 16);
-    h[2] = char(length >> 8);
-    h[3] = char(length);
-    return h;
-}
 
 QByteArray frameOf(const QByteArray& payload) { return header(uint32_t(payload.size())) + payload; }
 

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <thread>
 
+#include "WireBytes.h"
 #include "handlink/HandlinkStatus.h"
 #include "handlink/wire/Frame.h"
 #include "handlink/wire/UniqueFd.h"
@@ -15,6 +16,7 @@
 #include "platform/PropertyList.h"
 
 using namespace handlink::wire;
+using hltest::header;
 
 namespace {
 
@@ -27,15 +29,6 @@ struct Pair {
         b.reset(fds[1]);
     }
 };
-
-QByteArray header(uint32_t length) {
-    QByteArray h(4, 0);
-    h[0] = char(length >> 24);
-    h[1] = char(length >> 16);
-    h[2] = char(length >> 8);
-    h[3] = char(length);
-    return h;
-}
 
 void sendBytes(int fd, const QByteArray& bytes) { ASSERT_TRUE(sendAll(fd, bytes.constData(), size_t(bytes.size()))); }
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "handlink/emulator/Emulator.h"
+#include "support/EmulatorTestbed.h"
 #include "support/TestSupport.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -20,8 +21,7 @@ namespace qfctest {
 
 namespace {
 
-QTemporaryDir* g_root = nullptr;
-handlink::emu::Emulator* g_emulator = nullptr;
+testsupport::EmulatorTestbed* g_testbed = nullptr;  // the emulator and the test root
 HLDeviceNotificationRef g_subscription = nullptr;
 std::map<QString, HLDeviceRef>* g_devices = nullptr;  // main thread only
 int g_made = 0;
@@ -121,38 +121,34 @@ std::vector<std::string> listNames(QFCConnectionRef connection, const char* path
 }
 
 void ConduitTest::SetUpTestSuite() {
-    if (g_emulator) return;  // one emulator for the whole binary
-    g_root = new QTemporaryDir;
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(g_root->filePath(QStringLiteral("config"))));
-    qputenv("HANDLINK_SOCKET", QFile::encodeName(g_root->filePath(QStringLiteral("run/handlinkd.sock"))));
-    g_emulator = new handlink::emu::Emulator(g_root->filePath(QStringLiteral("run/handlinkd.sock")));
-    g_emulator->setPrinter([](const QString&) {});
+    if (g_testbed) return;  // one emulator for the whole binary
+    g_testbed = new testsupport::EmulatorTestbed(QStringLiteral("QFC"));
     QString error;
-    ASSERT_TRUE(g_emulator->start(&error)) << error.toStdString();
+    ASSERT_TRUE(g_testbed->emulator().start(&error)) << error.toStdString();
     g_devices = new std::map<QString, HLDeviceRef>;
     ASSERT_EQ(HLDeviceNotificationSubscribe(&onDeviceEvent, 0, 0, nullptr, &g_subscription), 0);
-    QDir(g_root->path()).mkpath(QStringLiteral("outside/secrets"));
-    QFile secret(g_root->filePath(QStringLiteral("outside/secret.txt")));
+    QDir(testRoot()).mkpath(QStringLiteral("outside/secrets"));
+    QFile secret(testRoot() + QStringLiteral("/outside/secret.txt"));
     ASSERT_TRUE(secret.open(QIODevice::WriteOnly));
     secret.write("do not touch\n");
-    QFile kept(g_root->filePath(QStringLiteral("outside/secrets/keep.txt")));
+    QFile kept(testRoot() + QStringLiteral("/outside/secrets/keep.txt"));
     ASSERT_TRUE(kept.open(QIODevice::WriteOnly));
     kept.write("keep me\n");
 }
 
 void ConduitTest::TearDownTestSuite() {}
 
-QString ConduitTest::testRoot() { return g_root->path(); }
-handlink::emu::Emulator& ConduitTest::emulator() { return *g_emulator; }
+QString ConduitTest::testRoot() { return g_testbed->root(); }
+handlink::emu::Emulator& ConduitTest::emulator() { return g_testbed->emulator(); }
 
 void ConduitTest::SetUp() {
-    ASSERT_TRUE(g_emulator);
-    const QString folder = g_root->filePath(QStringLiteral("devices/device-%1").arg(++g_made));
+    ASSERT_TRUE(g_testbed);
     handlink::emu::MakeDeviceOptions options = deviceOptions();
-    options.identifier = QStringLiteral("QFC-TEST-%1").arg(g_made, 4, 10, QLatin1Char('0'));
+    options.identifier = QStringLiteral("QFC-TEST-%1").arg(++g_made, 4, 10, QLatin1Char('0'));
+    const QString folder = g_testbed->makeDeviceFolder(options);
+    ASSERT_FALSE(folder.isEmpty());
     QString error;
-    ASSERT_TRUE(handlink::emu::makeDevice(folder, options, &error)) << error.toStdString();
-    device = g_emulator->attach(folder, &error);
+    device = emulator().attach(folder, &error);
     ASSERT_TRUE(device) << error.toStdString();
     const QString identifier = device->identifier();
     ASSERT_TRUE(testsupport::runUntil([&] { return g_devices->count(identifier) > 0; }));
@@ -172,7 +168,7 @@ void ConduitTest::TearDown() {
     if (_notifyFd >= 0) ::close(_notifyFd);
     if (device) {
         const QString identifier = device->identifier();
-        g_emulator->detach(identifier);
+        emulator().detach(identifier);
         EXPECT_TRUE(testsupport::runUntil([&] { return g_devices->count(identifier) == 0; }));
     }
     if (ref) HLDeviceRelease(ref);
@@ -227,7 +223,7 @@ std::string ConduitTest::media(const std::string& relative) const {
 }
 
 std::string ConduitTest::outside(const std::string& relative) const {
-    const std::string root = g_root->filePath(QStringLiteral("outside")).toStdString();
+    const std::string root = (testRoot() + QStringLiteral("/outside")).toStdString();
     return relative.empty() ? root : root + "/" + relative;
 }
 

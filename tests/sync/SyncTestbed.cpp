@@ -1,7 +1,5 @@
 #include "SyncTestbed.h"
 
-#include <QFile>
-
 #include "platform/MainThread.h"
 #include "support/TestSupport.h"
 
@@ -56,72 +54,17 @@ void Testbed::destroyInstance()
     g_testbed = nullptr;
 }
 
-Testbed::Testbed()
+Testbed::Testbed() : EmulatorTestbed(QStringLiteral("SYNCTEST"))
 {
-    // The library keeps this host's identity in the configuration folder and finds the daemon
-    // through HANDLINK_SOCKET: both point into this process's temporary folder.
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(_root.filePath(QStringLiteral("config"))));
-    const QString socket = _root.filePath(QStringLiteral("run/handlinkd.sock"));
-    qputenv("HANDLINK_SOCKET", QFile::encodeName(socket));
-    _emulator = std::make_unique<handlink::emu::Emulator>(socket);
-    _emulator->setPrinter([](const QString&) {});
-    QString error;
-    if (!_emulator->start(&error)) ADD_FAILURE() << "emulator did not start: " << error.toStdString();
+    listed = [](const QString& identifier) { return lastIdentifier() == identifier; };
+    gone = [](const QString&) { return !LinkDev::lastAvailableDevice(); };
+    waitMs = 60000;
+    start();
 }
 
 Testbed::~Testbed()
 {
-    _emulator->stop();
-}
-
-std::shared_ptr<handlink::emu::Device> Testbed::attachNewDevice()
-{
-    const QString folder = _root.filePath(QStringLiteral("devices/device-%1").arg(++_made));
-    handlink::emu::MakeDeviceOptions options;
-    options.identifier = QStringLiteral("0000%1-SYNCTEST").arg(_made, 4, 10, QLatin1Char('0'));
-    QString error;
-    if (!handlink::emu::makeDevice(folder, options, &error)) {
-        ADD_FAILURE() << "makeDevice: " << error.toStdString();
-        return nullptr;
-    }
-    std::shared_ptr<handlink::emu::Device> device = _emulator->attach(folder, &error);
-    if (!device) {
-        ADD_FAILURE() << "attach: " << error.toStdString();
-        return nullptr;
-    }
-    const QString identifier = device->identifier();
-    if (!waitFor([&] { return lastIdentifier() == identifier; }))
-        ADD_FAILURE() << "the registry never listed " << identifier.toStdString();
-    return device;
-}
-
-void Testbed::detach(const std::shared_ptr<handlink::emu::Device>& device)
-{
-    if (!device) return;
-    _emulator->detach(device->identifier());
-    if (!waitFor([] { return !LinkDev::lastAvailableDevice(); }))
-        ADD_FAILURE() << "the registry still lists a device";
-}
-
-std::shared_ptr<LinkDev> Testbed::linkDevFor(const QString& identifier)
-{
-    std::shared_ptr<LinkDev> last = LinkDev::lastAvailableDevice();
-    if (last && HLDeviceCopyDeviceIdentifier(last->deviceRef()) == identifier) return last;
-    return nullptr;
-}
-
-void DeviceTest::SetUp()
-{
-    device = Testbed::instance().attachNewDevice();
-    ASSERT_TRUE(device);
-    dev = Testbed::linkDevFor(device->identifier());
-    ASSERT_TRUE(dev);
-}
-
-void DeviceTest::TearDown()
-{
-    dev.reset();
-    Testbed::instance().detach(device);
+    stop();
 }
 
 QString DeviceTest::mediaPath(const QString& relative) const

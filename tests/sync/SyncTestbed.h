@@ -4,7 +4,6 @@
 // helpers to wait for the registry and to record what a simulator reports.
 #include <QString>
 #include <QStringList>
-#include <QTemporaryDir>
 #include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
@@ -12,6 +11,7 @@
 
 #include "device/LinkDev.h"
 #include "handlink/emulator/Emulator.h"
+#include "support/EmulatorTestbed.h"
 #include "sync/SyncSimulator.h"
 
 namespace synctest {
@@ -24,7 +24,7 @@ inline const QString kFailedToStart = QStringLiteral("com.corvid.lumen-linkdev.s
 inline const QString kLockPath = QStringLiteral("com.corvid.lumen.lock_sync");
 inline const QString kFailureFile = QStringLiteral("com.corvid.lumen.syncing");
 
-class Testbed {
+class Testbed : public testsupport::EmulatorTestbed {
 public:
     // Made by the test environment before the first test (emulator started, registry
     // subscribed from the main thread), stopped after the last.
@@ -32,38 +32,19 @@ public:
     // Stops the emulator and removes the temporary folder (the environment's tear-down, or the
     // way out of a child process that leaves with exit()).
     static void destroyInstance();
+    // Starts the emulator; attach waits until the registry's last device is the new one,
+    // detach until the registry has no device left.
     Testbed();
-    ~Testbed();
-
-    handlink::emu::Emulator& emulator() { return *_emulator; }
-    QString root() const { return _root.path(); }
-
-    // Makes a device folder and attaches it; waits (running the main event loop) until the
-    // registry's last device is this one.
-    std::shared_ptr<handlink::emu::Device> attachNewDevice();
-    // Detaches and waits until the registry has no device left.
-    void detach(const std::shared_ptr<handlink::emu::Device>& device);
-    // A new device object for the attached device with this identifier (null if none).
-    static std::shared_ptr<LinkDev> linkDevFor(const QString& identifier);
-
-private:
-    QTemporaryDir _root;
-    std::unique_ptr<handlink::emu::Emulator> _emulator;
-    int _made = 0;
+    ~Testbed() override;
 };
 
 // A fresh device for each test, and a device object for it.
-class DeviceTest : public ::testing::Test {
+class DeviceTest : public testsupport::AttachedDeviceTest<Testbed> {
 protected:
-    void SetUp() override;
-    void TearDown() override;
     // The absolute path of a file in the device's media area.
     QString mediaPath(const QString& relative) const;
     // True when a device-side holder can take the sync lock exclusively right now.
     bool syncLockIsFree() const;
-
-    std::shared_ptr<handlink::emu::Device> device;
-    std::shared_ptr<LinkDev> dev;
 };
 
 // Records the simulator's status updates (any thread) and on which thread they came.
