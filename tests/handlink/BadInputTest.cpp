@@ -28,14 +28,11 @@ QCborMap request(const char* op) {
     return map;
 }
 
-class BadInput : public HandlinkTest {
+class BadInput : public AttachedDeviceTest {
 protected:
     void SetUp() override {
         HandlinkTest::SetUp();
-        device = attachNewDevice(QStringLiteral("Sturdy"));
-        ASSERT_TRUE(device);
-        ref = refFor(device->identifier());
-        ASSERT_TRUE(ref);
+        ASSERT_NO_FATAL_FAILURE(attachDevice(QStringLiteral("Sturdy")));
         openSession(ref);  // a connection that must outlive everybody else's garbage
     }
 
@@ -72,8 +69,6 @@ protected:
         EXPECT_EQ(answer.value(QStringLiteral("devices")).toArray().size(), 1);
     }
 
-    std::shared_ptr<handlink::emu::Device> device;
-    HLDeviceRef ref = nullptr;
 };
 
 }  // namespace

@@ -85,4 +85,11 @@ void HandlinkTest::closeSession(HLDeviceRef ref) {
     EXPECT_EQ(HLDeviceDisconnect(ref), kHLDSuccess);
 }
 
+void AttachedDeviceTest::attachDevice(const QString& name) {
+    device = attachNewDevice(name);
+    ASSERT_TRUE(device);
+    ref = refFor(device->identifier());
+    ASSERT_TRUE(ref);
+}
+
 }  // namespace hltest

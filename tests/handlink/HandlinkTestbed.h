@@ -67,4 +67,14 @@ private:
     int _made = 0;
 };
 
+// A Handlink test with one attached device and the subscription's reference for it.
+class AttachedDeviceTest : public HandlinkTest {
+protected:
+    // Makes and attaches a device with this name and finds its reference (fatal failure if not).
+    void attachDevice(const QString& name);
+
+    std::shared_ptr<handlink::emu::Device> device;
+    HLDeviceRef ref = nullptr;
+};
+
 }  // namespace hltest

@@ -15,17 +15,12 @@ using handlink::emu::Fault;
 
 namespace {
 
-class Lockdown : public HandlinkTest {
+class Lockdown : public AttachedDeviceTest {
 protected:
     void SetUp() override {
         HandlinkTest::SetUp();
-        device = attachNewDevice(QStringLiteral("Lab Tamber"));
-        ASSERT_TRUE(device);
-        ref = refFor(device->identifier());
-        ASSERT_TRUE(ref);
+        ASSERT_NO_FATAL_FAILURE(attachDevice(QStringLiteral("Lab Tamber")));
     }
-    std::shared_ptr<handlink::emu::Device> device;
-    HLDeviceRef ref = nullptr;
 };
 
 // A reference whose device is gone: every call that needs the device answers not-connected,

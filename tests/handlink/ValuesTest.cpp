@@ -28,22 +28,17 @@ const char* const kDeviceKeys[] = {
     "Locale", "TimeIntervalSince1970", "TimeZone", "Uses24HourClock", "IsInternal", "Internal", "Standard", "ModelNumber",
 };
 
-class Values : public HandlinkTest {
+class Values : public AttachedDeviceTest {
 protected:
     void SetUp() override {
         HandlinkTest::SetUp();
-        device = attachNewDevice(QStringLiteral("Values Tamber"));
-        ASSERT_TRUE(device);
-        ref = refFor(device->identifier());
-        ASSERT_TRUE(ref);
+        ASSERT_NO_FATAL_FAILURE(attachDevice(QStringLiteral("Values Tamber")));
         openSession(ref);
     }
     void TearDown() override {
         if (ref) closeSession(ref);
         HandlinkTest::TearDown();
     }
-    std::shared_ptr<handlink::emu::Device> device;
-    HLDeviceRef ref = nullptr;
 };
 
 // One value of every property-list type, with the cases where types get confused: a real with
