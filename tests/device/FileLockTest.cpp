@@ -244,7 +244,9 @@ TEST_F(FileLocks, WaitingSharedAcquisitionWithoutANotificationPostsNothing)
     const int32_t handle = dev->blockingAquireSharedFilelockAtRelativePath(kLock, QString(), 60.0);
     releaser.join();
     ASSERT_GE(handle, 0);
-    EXPECT_GE(device->count("qfc-lock"), 4);
+    // The holder lets go once the device has counted the third attempt, which may then
+    // already succeed: at least two refused attempts, so the loop kept polling.
+    EXPECT_GE(device->count("qfc-lock"), 3);
     EXPECT_EQ(device->count("post-notification"), 0);
     EXPECT_EQ(device->count("start-service"), 1);  // no notification service was started
     dev->releaseFilelock(handle);
