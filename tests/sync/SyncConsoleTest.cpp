@@ -114,6 +114,7 @@ TEST_F(SyncConsoleTest, EachNotificationWaitsForALine)
             failureFileAtEachPrompt << failureFileExists();
         }
         in.write("\n");
+        in.closeOurs();  // a prompt too many returns at once instead of waiting for ever
         runner.join();
         shown = out.readUntilEndsWith(expected);
     }
@@ -149,6 +150,7 @@ TEST_F(SyncConsoleTest, NoPromptForTheHomeScreenWhenItsFlagIsOff)
             postedAfterEachPrompt << device->postedNotifications().join(',');
         }
         in.write("\n");
+        in.closeOurs();  // a prompt too many returns at once instead of waiting for ever
         runner.join();
         shown = out.readUntilEndsWith(expected);
     }
@@ -189,6 +191,7 @@ TEST(SyncConsole, PromptReadsAtMost1023Characters)
         PipedDescriptor in(STDIN_FILENO);
         PipedDescriptor out(STDOUT_FILENO);
         in.write(longLine + "\nnext\n");
+        in.closeOurs();  // reads past what was written return at once
         head = syncsim::promptForLine(QStringLiteral("One:"));
         // The rest of the long line is what the following prompt reads.
         rest = syncsim::promptForLine(QStringLiteral("Two:"));
