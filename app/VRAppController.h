@@ -22,10 +22,11 @@
 #include <mutex>
 #include <vector>
 
-#include "app/AlertPresenter.h"
+#include "platform/AlertPresenter.h"
 #include "device/LinkDev.h"
 #include "platform/ErrorRecord.h"
 #include "retrieval/CheckStatus.h"
+#include "settings/DebugSettingMap.h"
 #include "status/HLTaskStatus.h"
 #include "sync/SimulateSyncCommand.h"
 
@@ -37,7 +38,9 @@ class VRAppController : public QObject,
                         public LinkDevObserver,
                         public HLTaskStatusDelegate,
                         public CheckStatusHost,
-                        public SimulateSyncHost {
+                        public SimulateSyncHost,
+                        public DebugSettingMapHost,
+                        public AlertPresenter {
     Q_OBJECT
 public:
     // The controls and windows the controller works with; the interface loader hands them
@@ -99,6 +102,18 @@ public:
     void showSyncStatusText() override;
     void setSyncStatusText(const QString& text) override;
 
+    // ---- debug settings (main thread) ----
+    // Build the settings of the settings window for the current device (settings/DebugSettingMap).
+    void loadDebugSettingsMap();
+    void _updateDebugSettingsUI();
+    const DebugSettingMap& debugSettingMap() const { return _debugSettingMap; }
+    std::shared_ptr<LinkDev> debugSettingsDevice() override { return device(); }
+    DebugSettingControls debugSettingsControls() override;
+    AlertPresenter& debugSettingsAlertPresenter() override { return *this; }
+    // The controller is the presenter the settings ask: it hands each alert to the presenter
+    // installed at the time it is asked.
+    int runModal(const Alert& alert) override { return _runAlert(alert); }
+
     // ---- progress and errors ----
     // Worker thread: in the transfer phase, shows the status on the main thread and waits.
     void taskStatusDidChange(HLTaskStatus* status) override;
@@ -144,7 +159,6 @@ private:
     // Command bodies: Get Files runs on a worker thread, Check Status on the main thread.
     void _blockingGetFiles();
     void _blockingCheckStatus();
-    void _updateDebugSettingsUI();
 
     platform::Defaults& _defaults;
 
@@ -162,6 +176,7 @@ private:
     QPointer<QCheckBox> _debugSetting_SyncDebugCheckbox;
     QPointer<QLineEdit> _debugSetting_CustomItemKeyField;
     QPointer<QLineEdit> _debugSetting_CustomItemValueField;
+    DebugSettingMap _debugSettingMap{*this};
     QPointer<QWidget> _mainWindow;
     QPointer<QWidget> _settingsWindow;
 

@@ -1,10 +1,10 @@
-// VRAppController: the three commands and the debug-settings refresh.
+// VRAppController: the three commands.
 //
 // Each command marks its own state, runs its body (on a worker thread for Get Files and
 // Simulate Sync, on the main thread for Check Status) and hands back to its completion method,
 // which returns the window to idle. Check Status and Simulate Sync live in the retrieval and
-// sync subsystems; the controller is their host. Get Files and the debug settings plug in
-// the same way; until they do, Get Files only hands back.
+// sync subsystems; the controller is their host. Get Files plugs in the same way; until it
+// does, Get Files only hands back.
 #include <QLabel>
 #include <QTabWidget>
 #include <thread>
@@ -94,12 +94,4 @@ void VRAppController::setSyncStatusText(const QString& text)
 {
     if (_opStatusText)
         _opStatusText->setText(text);
-}
-
-// ---- Debug settings ----
-
-void VRAppController::_updateDebugSettingsUI()
-{
-    // Main thread. Rebuilding the settings for the current device belongs to the settings
-    // subsystem; until it does, the settings window's controls stay disabled.
 }

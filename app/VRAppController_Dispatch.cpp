@@ -145,8 +145,9 @@ void VRAppController::_mainThreadPresentAlertForError(const platform::Error& err
 
 int VRAppController::_runAlert(const Alert& alert)
 {
-    // A controller without windows has nowhere to ask; the first button is the safe answer.
+    // A controller without windows has nowhere to ask: the alert's own answer for a dismissal
+    // (the first button, "Stop", unless the alert names a harmless one).
     if (!_alertPresenter)
-        return kAlertFirstButtonReturn;
+        return alert.escapeAnswer;
     return _alertPresenter->runModal(alert);
 }

@@ -44,7 +44,7 @@ QList<QPushButton*> WarningPanel::setAlert(const Alert& alert)
 int WarningPanel::runModal(const Alert& alert)
 {
     setAlert(alert);
-    _answer = kAlertFirstButtonReturn;  // closing the panel answers the first button
+    _answer = alert.escapeAnswer;  // what closing the panel without a button answers
     exec();
     return _answer;
 }

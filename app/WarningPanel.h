@@ -4,7 +4,7 @@
 #include <QDialog>
 #include <memory>
 
-#include "app/AlertPresenter.h"
+#include "platform/AlertPresenter.h"
 
 namespace Ui {
 class WarningPanel;

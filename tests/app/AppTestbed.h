@@ -6,7 +6,6 @@
 #include <QStringList>
 #include <atomic>
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
@@ -14,9 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "app/AlertPresenter.h"
 #include "handlink/emulator/Emulator.h"
 #include "support/EmulatorTestbed.h"
+#include "support/ScriptedAlertPresenter.h"
 
 namespace apptest {
 
@@ -48,27 +47,7 @@ protected:
     QString defaultsPath;
 };
 
-// Answers alerts from a queue (the first button when the queue is empty) and records them
-// with the thread they ran on.
-class ScriptedAlertPresenter : public AlertPresenter {
-public:
-    int runModal(const Alert& alert) override;
-    void answer(int button);
-    // Runs inside runModal, while the alert is open (main thread), before it is answered.
-    void whileOpen(std::function<void()> look) { _whileOpen = std::move(look); }
-
-    struct Shown {
-        Alert alert;
-        bool onMainThread;
-    };
-    std::vector<Shown> shown() const;
-
-private:
-    mutable std::mutex _mutex;  // guards both fields (written on the main thread, read by tests)
-    std::deque<int> _answers;
-    std::vector<Shown> _shown;
-    std::function<void()> _whileOpen;  // set before the alerts run
-};
+using ScriptedAlertPresenter = testsupport::ScriptedAlertPresenter;
 
 // Keys written to the store, in order, while alive; entries() also has the value each key
 // held when its change was announced ("key=value").
