@@ -5,6 +5,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPixmap>
+#include <QCheckBox>
 #include <QPushButton>
 
 #include "AppTestbed.h"
@@ -13,6 +14,7 @@
 #include "app/SettingsWindow.h"
 #include "app/VRAppController.h"
 #include "app/WarningPanel.h"
+#include "settings/VRLMSyncDebugDeviceSetting.h"
 #include "platform/Defaults.h"
 #include "status/HLTaskStatus.h"
 #include "support/TestSupport.h"
@@ -118,5 +120,31 @@ TEST_F(AppTest, ScreenshotsWithAndWithoutDevice)
     panel.setAlert(alert);
     panel.show();
     EXPECT_TRUE(hasContent(saveShot(panel, QStringLiteral("warning-panel.png"))));
+    panel.hide();
+}
+
+TEST_F(AppTest, SettingsWindowScreenshotsWithAndWithoutDevice)
+{
+    AppInterface interface(Defaults::standard());
+    interface.show();
+    interface.controller().orderFrontSettingsWindow();
+    SettingsWindow& window = interface.settingsWindow();
+    ASSERT_TRUE(testsupport::runUntil([&] { return window.isVisible(); }));
+
+    EXPECT_FALSE(window.syncDebugCheckbox()->isEnabled());
+    EXPECT_EQ(window.syncDebugCheckbox()->checkState(), Qt::PartiallyChecked);
+    EXPECT_TRUE(hasContent(saveShot(window, QStringLiteral("settings-window-no-device.png"))));
+
+    window.customItemKeyField()->setText(QStringLiteral("syncDebug.enabled_v2"));
+    auto device = Testbed::instance().attachNewDevice(QStringLiteral("Tamber of Test"));
+    ASSERT_TRUE(testsupport::runUntil([&] { return window.syncDebugCheckbox()->isEnabled(); }));
+    EXPECT_EQ(window.syncDebugCheckbox()->checkState(), Qt::Unchecked);
+    EXPECT_EQ(window.customItemValueField()->text(), QStringLiteral("0"));
+    EXPECT_TRUE(hasContent(saveShot(window, QStringLiteral("settings-window-device.png"))));
+
+    WarningPanel& panel = interface.warningPanel();
+    panel.setAlert(VRLMSyncDebugDeviceSetting::deleteSyncDataQuestion());
+    panel.show();
+    EXPECT_TRUE(hasContent(saveShot(panel, QStringLiteral("warning-panel-sync-debug.png"))));
     panel.hide();
 }

@@ -66,6 +66,8 @@ TEST_F(SettingsTest, ControlsFollowTheDevice)
         EXPECT_EQ(controls.checkbox->checkState(), c.state);
     }
 
+    EXPECT_EQ(writes(), 0) << "showing the device's values never writes them back";
+
     // What a user sees of the disabled key field: the same as an empty field.
     custom->setDevice(nullptr);
     ASSERT_TRUE(settle(*custom));
