@@ -8,44 +8,6 @@
 
 namespace settingstest {
 
-namespace {
-
-Testbed* g_testbed = nullptr;
-
-class Environment : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        g_testbed = new Testbed;
-        g_testbed->start();
-        LinkDev::registerDeviceObserver(&_observer);  // subscribes the registry
-    }
-    void TearDown() override
-    {
-        LinkDev::unregisterDeviceObserver(&_observer);
-        g_testbed->stop();
-        delete g_testbed;
-        g_testbed = nullptr;
-    }
-
-private:
-    class : public LinkDevObserver {
-        void handlinkAvailabliltyDidChange() override {}
-    } _observer;
-};
-
-}  // namespace
-
-void installEnvironment()
-{
-    ::testing::AddGlobalTestEnvironment(new Environment);
-}
-
-Testbed& Testbed::instance()
-{
-    return *g_testbed;
-}
-
 Controls::Controls()
     : checkbox(new QCheckBox(QStringLiteral("Sync debugging"), &window)),
       keyField(new QLineEdit(&window)),

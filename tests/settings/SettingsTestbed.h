@@ -1,29 +1,22 @@
 #pragma once
-// The settings tests' world: one in-process emulator for the binary (the device registry
-// subscribes once per process), a fresh device per test, and real controls like those of the
-// settings window (a checkbox, a key field and a value field, found by object name) in a shown
-// window.
+// The settings tests' world: the device tests' emulator (one for the binary, the registry
+// subscribed before the first test), a fresh device per test, and real controls like those of
+// the settings window (a checkbox, a key field and a value field) in a shown window.
 #include <QCheckBox>
 #include <QLineEdit>
 #include <QString>
 #include <QWidget>
 #include <memory>
 
+#include "device/DeviceTestbed.h"
 #include "device/LinkDev.h"
 #include "settings/VRDeviceSetting.h"
-#include "support/EmulatorTestbed.h"
 
 namespace settingstest {
 
 inline const QString kDomain = QStringLiteral("com.corvid.mobiletamber");
 
-class Testbed : public testsupport::EmulatorTestbed {
-public:
-    static Testbed& instance();
-    Testbed() : EmulatorTestbed(QStringLiteral("SETTINGS")) {}
-};
-
-void installEnvironment();
+using devicetest::Testbed;
 
 // A shown window with the three controls, named as in the settings window.
 class Controls {
@@ -35,7 +28,7 @@ public:
     QLineEdit* valueField;
 };
 
-class SettingsTest : public testsupport::AttachedDeviceTest<Testbed> {
+class SettingsTest : public devicetest::DeviceTest {
 protected:
     // Puts a value on the device, then zeroes its counters, so a test counts only its own calls.
     void seed(const QString& key, const QVariant& value);
