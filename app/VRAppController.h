@@ -22,8 +22,8 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/AlertPresenter.h"
 #include "device/LinkDev.h"
+#include "platform/AlertPresenter.h"
 #include "platform/ErrorRecord.h"
 #include "retrieval/CheckStatus.h"
 #include "settings/DebugSettingMap.h"
@@ -103,7 +103,7 @@ public:
     void setSyncStatusText(const QString& text) override;
 
     // ---- debug settings (main thread) ----
-    // Build the settings of the settings window for the current device (settings/DebugSettingMap).
+    // The settings window's settings for the current device, built by settings/DebugSettingMap.
     void loadDebugSettingsMap();
     void _updateDebugSettingsUI();
     const DebugSettingMap& debugSettingMap() const { return _debugSettingMap; }
