@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <QDir>
+#include <QFile>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +19,41 @@ void Best::time(const std::function<bool()>& run, bool* ok)
     const auto start = std::chrono::steady_clock::now();
     if (!run()) *ok = false;
     seconds = std::min(seconds, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+}
+
+Options parseOptions(const QStringList& arguments)
+{
+    Options options;
+    options.workBase = QDir::tempPath();
+    for (qsizetype i = 2; i + 1 < arguments.size(); i += 2) {
+        if (arguments[i] == QLatin1String("--work")) options.workBase = arguments[i + 1];
+        if (arguments[i] == QLatin1String("--runs")) options.runs = std::max(1, arguments[i + 1].toInt());
+        if (arguments[i] == QLatin1String("--only")) options.only = arguments[i + 1];
+    }
+    return options;
+}
+
+QString useWorkFolder(const QTemporaryDir& work)
+{
+    const QString socket = work.filePath(QStringLiteral("run/handlinkd.sock"));
+    qputenv("HANDLINK_SOCKET", QFile::encodeName(socket));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(work.filePath(QStringLiteral("config"))));
+    return socket;
+}
+
+bool startDaemon(QProcess* daemon, const QString& buildDir, const QString& socket, const QStringList& devices,
+                 const char* who)
+{
+    QStringList arguments{QStringLiteral("--socket"), socket};
+    for (const QString& device : devices) arguments << QStringLiteral("--device") << device;
+    daemon->setProgram(buildDir + QStringLiteral("/bin/handlinkd"));
+    daemon->setArguments(arguments);
+    daemon->setStandardOutputFile(QProcess::nullDevice());
+    daemon->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    daemon->start();
+    if (daemon->waitForStarted()) return true;
+    std::fprintf(stderr, "%s: cannot start %s\n", who, daemon->program().toLocal8Bit().constData());
+    return false;
 }
 
 bool shell(const std::string& command)

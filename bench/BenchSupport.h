@@ -1,7 +1,10 @@
 #pragma once
 // Shared pieces of the benchmarks: best-of-N timing, shell commands, the 512 MiB bench file,
 // device folders, a plain conduit read, and the printed figures.
+#include <QProcess>
 #include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -20,6 +23,22 @@ struct Best {
     // Times run; a run that answers false clears *ok.
     void time(const std::function<bool()>& run, bool* ok);
 };
+
+// The options both benchmarks take after BUILD_DIR: --work DIR, --runs N, --only PART.
+struct Options {
+    QString workBase;  // default: the temporary folder
+    int runs = 5;
+    QString only;      // empty: every part
+};
+Options parseOptions(const QStringList& arguments);
+
+// Points the client library and this host's configuration into work (HANDLINK_SOCKET,
+// XDG_CONFIG_HOME); the daemon's socket path.
+QString useWorkFolder(const QTemporaryDir& work);
+// Starts BUILD_DIR/bin/handlinkd on socket with the device folders; false (said on standard
+// error, naming who) when it does not start.
+bool startDaemon(QProcess* daemon, const QString& buildDir, const QString& socket, const QStringList& devices,
+                 const char* who);
 
 bool shell(const std::string& command);
 std::string quoted(const QString& path);

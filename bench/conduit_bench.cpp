@@ -179,18 +179,11 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: conduit_bench BUILD_DIR [--work DIR] [--runs N]\n");
         return 2;
     }
-    const QString binDir = args[1] + QStringLiteral("/bin");
-    QString workBase = QDir::tempPath();
-    int runs = 5;
-    for (qsizetype i = 2; i + 1 < args.size(); i += 2) {
-        if (args[i] == QLatin1String("--work")) workBase = args[i + 1];
-        if (args[i] == QLatin1String("--runs")) runs = std::max(1, args[i + 1].toInt());
-    }
-    QTemporaryDir work(workBase + QStringLiteral("/conduit-bench-XXXXXX"));
+    const Options options = parseOptions(args);
+    const int runs = options.runs;
+    QTemporaryDir work(options.workBase + QStringLiteral("/conduit-bench-XXXXXX"));
     if (!work.isValid()) return 1;
-    const QString socket = work.filePath(QStringLiteral("run/handlinkd.sock"));
-    qputenv("HANDLINK_SOCKET", QFile::encodeName(socket));
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(work.filePath(QStringLiteral("config"))));
+    const QString socket = useWorkFolder(work);
 
     std::fprintf(stdout, "conduit benchmark: preparing data in %s\n", work.path().toLocal8Bit().constData());
     std::fflush(stdout);
@@ -206,16 +199,7 @@ int main(int argc, char** argv) {
     shell("find " + quoted(listMedia) + " > /dev/null");
 
     QProcess daemon;
-    daemon.setProgram(binDir + QStringLiteral("/handlinkd"));
-    daemon.setArguments({QStringLiteral("--socket"), socket, QStringLiteral("--device"), readDevice,
-                         QStringLiteral("--device"), listDevice});
-    daemon.setStandardOutputFile(QProcess::nullDevice());
-    daemon.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    daemon.start();
-    if (!daemon.waitForStarted()) {
-        std::fprintf(stderr, "conduit_bench: cannot start %s\n", daemon.program().toLocal8Bit().constData());
-        return 1;
-    }
+    if (!startDaemon(&daemon, args[1], socket, {readDevice, listDevice}, "conduit_bench")) return 1;
     Link readLink, listLink;
     if (!openConduit(socket, QStringLiteral("BENCH-READ"), &readLink) ||
         !openConduit(socket, QStringLiteral("BENCH-LIST"), &listLink)) {
