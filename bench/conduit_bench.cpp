@@ -24,45 +24,16 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "handlink/Handlink.h"
 #include "handlink/client/ControlClient.h"
 #include "handlink/emulator/Emulator.h"
 
 namespace {
 
-constexpr uint64_t kFileSize = 512ull << 20;
-constexpr size_t kChunk = 512000;
+using namespace bench;
+
 constexpr int kListingFiles = 99450;  // with its folders, about 100,000 entries
-
-using Clock = std::chrono::steady_clock;
-
-// The best (shortest) of the runs of one figure.
-struct Best {
-    double seconds = 1e30;
-    void time(const std::function<bool()>& run, bool* ok) {
-        const auto start = Clock::now();
-        if (!run()) *ok = false;
-        seconds = std::min(seconds, std::chrono::duration<double>(Clock::now() - start).count());
-    }
-};
-
-bool shell(const std::string& command) { return std::system(command.c_str()) == 0; }
-
-std::string quoted(const QString& path) { return "'" + path.toStdString() + "'"; }
-
-bool writeBenchFile(const QString& path) {
-    const int fd = ::open(path.toLocal8Bit().constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0) return false;
-    std::vector<uint64_t> block(1 << 17);
-    uint64_t state = 0x9E3779B97F4A7C15ull;
-    bool ok = true;
-    for (uint64_t done = 0; ok && done < kFileSize; done += block.size() * 8) {
-        for (auto& word : block) word = (state = state * 6364136223846793005ull + 1442695040888963407ull) >> 11;
-        ok = ::write(fd, block.data(), block.size() * 8) == static_cast<ssize_t>(block.size() * 8);
-    }
-    ::close(fd);
-    return ok;
-}
 
 bool fullRead(int fd, void* data, size_t length) {
     char* p = static_cast<char*>(data);
@@ -159,21 +130,6 @@ bool openConduit(const QString& socket, const QString& identifier, Link* link) {
     return QFCConnectionOpen(link->fd, 0, &link->connection) == 0;
 }
 
-bool conduitRead(QFCConnectionRef connection, const char* path) {
-    QFCFileRef ref = kQFCInvalidFileRef;
-    if (QFCFileRefOpen(connection, path, kQFCModeReadWriteCreate, &ref) != 0) return false;
-    std::vector<char> buffer(kChunk);
-    uint64_t total = 0;
-    for (;;) {
-        uint64_t length = buffer.size();
-        if (QFCFileRefRead(connection, ref, buffer.data(), &length) != 0) return false;
-        if (length == 0) break;
-        total += length;
-    }
-    QFCFileRefClose(connection, ref);
-    return total == kFileSize;
-}
-
 // The walk of the transfer routines: depth first, each entry's information read as pairs.
 bool conduitWalk(QFCConnectionRef connection, const std::string& path, uint64_t* entries) {
     QFCDirectoryRef directory = 0;
@@ -214,18 +170,6 @@ long peakMemoryKiB(qint64 pid) {
     return -1;
 }
 
-bool makeDevice(const QString& folder, const QString& identifier, const QString& sample, int files) {
-    handlink::emu::MakeDeviceOptions options;
-    options.identifier = identifier;
-    options.sample = sample;
-    options.files = files;
-    options.seed = 42;
-    QString error;
-    if (handlink::emu::makeDevice(folder, options, &error)) return true;
-    std::fprintf(stderr, "conduit_bench: %s\n", error.toLocal8Bit().constData());
-    return false;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -235,43 +179,27 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: conduit_bench BUILD_DIR [--work DIR] [--runs N]\n");
         return 2;
     }
-    const QString binDir = args[1] + QStringLiteral("/bin");
-    QString workBase = QDir::tempPath();
-    int runs = 5;
-    for (qsizetype i = 2; i + 1 < args.size(); i += 2) {
-        if (args[i] == QLatin1String("--work")) workBase = args[i + 1];
-        if (args[i] == QLatin1String("--runs")) runs = std::max(1, args[i + 1].toInt());
-    }
-    QTemporaryDir work(workBase + QStringLiteral("/conduit-bench-XXXXXX"));
+    const Options options = parseOptions(args);
+    const int runs = options.runs;
+    QTemporaryDir work(options.workBase + QStringLiteral("/conduit-bench-XXXXXX"));
     if (!work.isValid()) return 1;
-    const QString socket = work.filePath(QStringLiteral("run/handlinkd.sock"));
-    qputenv("HANDLINK_SOCKET", QFile::encodeName(socket));
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(work.filePath(QStringLiteral("config"))));
+    const QString socket = useWorkFolder(work);
 
     std::fprintf(stdout, "conduit benchmark: preparing data in %s\n", work.path().toLocal8Bit().constData());
     std::fflush(stdout);
     const QString readDevice = work.filePath(QStringLiteral("read-device"));
     const QString listDevice = work.filePath(QStringLiteral("list-device"));
     const QString bigFile = readDevice + QStringLiteral("/Media/Recordings/bench.m4a");
-    if (!makeDevice(readDevice, QStringLiteral("BENCH-READ"), QString(), 0) ||
+    if (!makeBenchDevice(readDevice, QStringLiteral("BENCH-READ"), QString(), 0) ||
         !QDir().mkpath(readDevice + QStringLiteral("/Media/Recordings")) || !writeBenchFile(bigFile) ||
-        !makeDevice(listDevice, QStringLiteral("BENCH-LIST"), QStringLiteral("32M"), kListingFiles))
+        !makeBenchDevice(listDevice, QStringLiteral("BENCH-LIST"), QStringLiteral("32M"), kListingFiles))
         return 1;
     const QString listMedia = listDevice + QStringLiteral("/Media");
     shell("cat " + quoted(bigFile) + " > /dev/null");
     shell("find " + quoted(listMedia) + " > /dev/null");
 
     QProcess daemon;
-    daemon.setProgram(binDir + QStringLiteral("/handlinkd"));
-    daemon.setArguments({QStringLiteral("--socket"), socket, QStringLiteral("--device"), readDevice,
-                         QStringLiteral("--device"), listDevice});
-    daemon.setStandardOutputFile(QProcess::nullDevice());
-    daemon.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    daemon.start();
-    if (!daemon.waitForStarted()) {
-        std::fprintf(stderr, "conduit_bench: cannot start %s\n", daemon.program().toLocal8Bit().constData());
-        return 1;
-    }
+    if (!startDaemon(&daemon, args[1], socket, {readDevice, listDevice}, "conduit_bench")) return 1;
     Link readLink, listLink;
     if (!openConduit(socket, QStringLiteral("BENCH-READ"), &readLink) ||
         !openConduit(socket, QStringLiteral("BENCH-LIST"), &listLink)) {
@@ -314,25 +242,16 @@ int main(int argc, char** argv) {
     daemon.terminate();
     daemon.waitForFinished(10000);
 
-    const auto line = [](const char* label, double value, const std::string& note = std::string()) {
-        std::fprintf(stdout, "  %-48s %7.3f s%s\n", label, value, note.c_str());
-    };
-    const auto ratio = [](const char* name, double value) {
-        char text[64];
-        std::snprintf(text, sizeof text, "   %s %.2fx", name, value);
-        return std::string(text);
-    };
     std::fprintf(stdout, "read: 512 MiB file in 512,000-byte chunks (best of %d)\n", runs);
-    line("cat file > /dev/null", cat.seconds);
-    line("socket pair floor, read/write", floorWrite.seconds);
-    line("socket pair floor, sendfile", floorSendfile.seconds);
-    line("conduit through handlinkd", conduit.seconds,
-         ratio("vs floor", conduit.seconds / floor) + ratio("vs cat", conduit.seconds / cat.seconds));
+    printFigure("cat file > /dev/null", cat.seconds);
+    printFigure("socket pair floor, read/write", floorWrite.seconds);
+    printFigure("socket pair floor, sendfile", floorSendfile.seconds);
+    printFigure("conduit through handlinkd", conduit.seconds,
+                ratioNote("vs floor", conduit.seconds / floor) + ratioNote("vs cat", conduit.seconds / cat.seconds));
     std::fprintf(stdout, "list: %llu entries with file information (best of %d)\n", static_cast<unsigned long long>(findEntries), runs);
-    line("find -printf (type, size, blocks, links, times)", find.seconds);
-    line("conduit walk through handlinkd", listing.seconds, ratio("vs find", listing.seconds / find.seconds));
+    printFigure("find -printf (type, size, blocks, links, times)", find.seconds);
+    printFigure("conduit walk through handlinkd", listing.seconds, ratioNote("vs find", listing.seconds / find.seconds));
     std::fprintf(stdout, "handlinkd peak memory: %ld KiB\n", peakKiB);
-    const auto verdict = [](double ratio, double aim) { return ratio <= aim ? "met" : "missed"; };
     const double readVsCat = conduit.seconds / cat.seconds;
     const double readVsFloor = conduit.seconds / floor;
     const double listVsFind = listing.seconds / find.seconds;

@@ -17,6 +17,7 @@
 #include <QStringList>
 #include <QVariant>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -29,6 +30,8 @@ class HLLockdownSession;
 class HLServiceProxy;
 class HLFileConduitProxy;
 class HLNotificationProxy;
+class HLTaskStatus;
+class QFCFileInfo;
 
 // Receives handlinkAvailabliltyDidChange on the thread that delivers device events (the main
 // thread in the app). Identity by pointer; not owned by the registry.
@@ -110,6 +113,33 @@ public:
     // True when removed, and also when no connection could be had. *error is never written.
     bool removeFileFromDevice(const QString& path, std::optional<Error>* error);
 
+    // ---- file and directory transfer ----
+    // Device paths are relative to the media root; a file lands at localDirectory joined with
+    // its whole device path, so copied trees mirror the device's. With a status in the sizing
+    // phase nothing is read and only sizes are counted; in the transfer phase each file is a
+    // subtask ("Uploading <path>") counted chunk by chunk. A failure is offered to the status
+    // (whose delegate may ignore it: then the call succeeds); one that stays is logged as a
+    // "NOTICE: " line and put in *error. Without a status every failure is dropped that way,
+    // so only a connection that cannot be opened makes these calls fail. error and status may
+    // be null. Blocking; run on the job's worker thread, one job per device object at a time.
+
+    // The visit action: the entry's information, the walk's status and the walk's error slot
+    // (the action may fill it); true to go on. Used only during the call.
+    using VisitItem = std::function<bool(const QFCFileInfo& item, HLTaskStatus* status, std::optional<Error>* error)>;
+
+    // Copies one device file into localDirectory (parent folders made as needed; an existing
+    // local file is replaced; a partial file is kept after a failure).
+    bool copyFileFromDevice(const QString& path, const QString& localDirectory, std::optional<Error>* error,
+                            HLTaskStatus* status);
+    // Copies the files of a device folder, and with deepCopy its subfolders depth first.
+    bool copyDirectoryFromDevice(const QString& path, const QString& localDirectory, bool deepCopy,
+                                 std::optional<Error>* error, HLTaskStatus* status);
+    // Calls visitItem for every entry of the folder but "." and "..", in the device's order,
+    // until the action says stop or an error is recorded; the listing is read to its end
+    // either way. An empty action goes on.
+    bool enumerateDiretoryContentsFromDevice(const QString& path, std::optional<Error>* error, HLTaskStatus* status,
+                                             const VisitItem& visitItem);
+
     // The open file-conduit service (null when none), its connection, and the locks held.
     std::shared_ptr<HLFileConduitProxy> activeFileCounduitService() const;
     QFCConnectionRef qfcConnectionRef() const;
@@ -121,6 +151,14 @@ public:
 
 private:
     int32_t _blockingAquireFilelock(const QString& path, const QString& notification, double timeout, bool shared);
+    // The transfer calls' use of the connection: a failed open discards the proxy it left.
+    bool _qfcTransferConnectionOpen();
+    // The data of one file copy (device file to local file); the copy's error, if any.
+    std::optional<Error> _copyFileData(const QString& path, const QString& localPath, HLTaskStatus* status);
+    // The common ending of a copy and a walk: offers error to the status, logs and hands out
+    // what stays, gives back the connection use; true when no error stays.
+    bool _finishTransfer(const QString& operation, std::optional<Error> failure, std::optional<Error>* error,
+                         HLTaskStatus* status);
 
     HLDeviceRef _deviceRef = nullptr;
     std::unique_ptr<HLLockdownSession> _lockdownSession;
