@@ -38,7 +38,7 @@ bool recvAll(int fd, void* data, size_t length, bool* cleanEof = nullptr);
 bool sendFileRange(int socketFd, int fileFd, off_t offset, size_t length);
 
 // Header and payload of one frame. Dates are written in UTC with whole seconds
-// ("2009-06-19T10:00:00Z"), and with milliseconds only when they have a fraction.
+// ("2023-05-14T10:15:00Z"), and with milliseconds only when they have a fraction.
 QByteArray encodeFrame(const QCborMap& map);
 // Decodes a payload (without its header): Ok, NotCbor or NotMap.
 ReadResult decodePayload(const QByteArray& payload, QCborMap* out);
