@@ -3,6 +3,7 @@
 // request names its device by identifier; errors carry a message for people in "error".
 #include "handlink/HandlinkStatus.h"
 #include "handlink/emulator/Operations.h"
+#include "handlink/emulator/RequestTable.h"
 #include "handlink/emulator/Server.h"
 #include "handlink/wire/Values.h"
 
@@ -11,14 +12,10 @@
 #endif
 
 #include <QCborArray>
-#include <limits>
 
 namespace handlink::emu {
 
 namespace {
-
-// Counts and milliseconds are kept as int: larger numbers are refused, not wrapped around.
-constexpr qint64 kMaxCount = std::numeric_limits<int>::max();
 
 class Control {
 public:
@@ -42,39 +39,52 @@ private:
     struct Request {
         const char* op;
         Handler handler;
-        bool needsDevice;
+        bool needsDevice;  // names an attached device by "id"
+        req::Field fields[req::kMaxFields];
     };
 
     bool handle(const QCborMap& request) {
+        using req::need;
+        using req::may;
+        using req::Type;
+        using req::kCountMax;
         static const Request table[] = {
-            {"list", &Control::list, false},
-            {"attach", &Control::attach, false},
-            {"detach", &Control::detach, false},
-            {"fail", &Control::fail, true},
-            {"clear-faults", &Control::clearFaults, true},
-            {"delay", &Control::delay, true},
-            {"pairing", &Control::pairing, true},
-            {"values", &Control::values, true},
-            {"stats", &Control::stats, true},
-            {"reset-counters", &Control::resetCounters, true},
-            {"hold-lock", &Control::holdLock, true},
-            {"watch", &Control::watch, false},
+            {"list", &Control::list, false, {}},
+            {"attach", &Control::attach, false, {need("folder", Type::Text)}},
+            {"detach", &Control::detach, false, {need("id", Type::Text)}},
+            {"fail", &Control::fail, true,
+             {need("id", Type::Text), need("operation", Type::Text), need("status", Type::Integer, req::kStatusMin, req::kStatusMax),
+              may("times", Type::Integer, 1, kCountMax), may("after", Type::Integer, 0, kCountMax), may("match", Type::Text)}},
+            {"clear-faults", &Control::clearFaults, true, {need("id", Type::Text)}},
+            {"delay", &Control::delay, true,
+             {need("id", Type::Text), need("operation", Type::Text), need("milliseconds", Type::Integer, 0, kCountMax),
+              may("times", Type::Integer, 1, kCountMax)}},
+            {"pairing", &Control::pairing, true, {need("id", Type::Text), need("mode", Type::Text)}},
+            {"values", &Control::values, true, {need("id", Type::Text), may("domain", Type::Text)}},
+            {"stats", &Control::stats, true, {need("id", Type::Text)}},
+            {"reset-counters", &Control::resetCounters, true, {need("id", Type::Text)}},
+            {"hold-lock", &Control::holdLock, true,
+             {need("id", Type::Text), need("path", Type::Text), may("exclusive", Type::Bool), may("yieldOn", Type::Text),
+              may("afterRequests", Type::Integer, 1, kCountMax), may("afterMs", Type::Integer, 0, kCountMax),
+              may("seconds", Type::Integer, 0, kCountMax), may("wait", Type::Bool)}},
+            {"watch", &Control::watch, false, {may("id", Type::Text)}},
         };
-        const QString op = request.value(QStringLiteral("op")).toString();
-        for (const Request& entry : table) {
-            if (op != QLatin1String(entry.op)) continue;
-            QCborMap answer;
-            bool keepGoing = true;
-            if (entry.needsDevice && !findDevice(request, &answer)) {
-                // answer holds the error
-            } else {
-                keepGoing = (this->*entry.handler)(request, &answer);
-            }
-            if (!answer.isEmpty() && !wire::writeFrame(_fd, answer)) return false;
-            return keepGoing;
+        const Request* entry = req::findRow(table, request);
+        if (!entry) {
+            replyError(_fd, kHLDUnknownPacketError, QStringLiteral("unknown control request \"%1\"").arg(req::opName(request)));
+            return false;
         }
-        replyError(_fd, kHLDUnknownPacketError, QStringLiteral("unknown control request \"%1\"").arg(op));
-        return false;
+        QCborMap answer;
+        bool keepGoing = true;
+        if (const QString why = req::checkFields(request, entry->fields); !why.isEmpty()) {
+            error(&answer, kHLDInvalidArgumentError, why);
+        } else if (entry->needsDevice && !findDevice(request, &answer)) {
+            // answer holds the error
+        } else {
+            keepGoing = (this->*entry->handler)(request, &answer);
+        }
+        if (!answer.isEmpty() && !wire::writeFrame(_fd, answer)) return false;
+        return keepGoing;
     }
 
     static bool error(QCborMap* answer, int32_t status, const QString& message) {
@@ -87,9 +97,9 @@ private:
         return true;
     }
     static QString text(const QCborMap& request, const char* field) { return request.value(QLatin1String(field)).toString(); }
+    // A field the table checked: absent fields read as the default.
     static qint64 integer(const QCborMap& request, const char* field, qint64 otherwise) {
-        const QCborValue value = request.value(QLatin1String(field));
-        return value.isInteger() ? value.toInteger() : otherwise;
+        return request.value(QLatin1String(field)).toInteger(otherwise);
     }
 
     bool findDevice(const QCborMap& request, QCborMap* answer) {
@@ -140,16 +150,9 @@ private:
         Fault fault;
         fault.operation = text(request, "operation");
         if (!checkOperation(fault.operation, answer)) return true;
-        const QCborValue status = request.value(QStringLiteral("status"));
-        if (!status.isInteger()) return error(answer, kHLDInvalidArgumentError, QStringLiteral("a fault needs a status"));
-        fault.status = static_cast<int32_t>(status.toInteger());
-        const qint64 times = integer(request, "times", 1);
-        const qint64 after = integer(request, "after", 0);
-        if (times < 1 || times > kMaxCount || after < 0 || after > kMaxCount)
-            return error(answer, kHLDInvalidArgumentError,
-                         QStringLiteral("--times must be from 1 to %1 and --after from 0 to %1").arg(kMaxCount));
-        fault.times = static_cast<int>(times);
-        fault.after = static_cast<int>(after);
+        fault.status = static_cast<int32_t>(integer(request, "status", 0));
+        fault.times = static_cast<int>(integer(request, "times", 1));
+        fault.after = static_cast<int>(integer(request, "after", 0));
         fault.match = text(request, "match");
         _device->addFault(fault);
         return ok(answer);
@@ -163,12 +166,7 @@ private:
     bool delay(const QCborMap& request, QCborMap* answer) {
         const QString operation = text(request, "operation");
         if (!checkOperation(operation, answer)) return true;
-        const qint64 ms = integer(request, "milliseconds", -1);
-        const qint64 times = integer(request, "times", 1);
-        if (ms < 0 || ms > kMaxCount || times < 1 || times > kMaxCount)
-            return error(answer, kHLDInvalidArgumentError,
-                         QStringLiteral("a delay needs milliseconds from 0 to %1 and --times from 1 to %1").arg(kMaxCount));
-        _device->delay(operation, static_cast<int>(ms), static_cast<int>(times));
+        _device->delay(operation, static_cast<int>(integer(request, "milliseconds", 0)), static_cast<int>(integer(request, "times", 1)));
         return ok(answer);
     }
 
@@ -203,16 +201,9 @@ private:
         HoldLockOptions options;
         options.exclusive = request.value(QStringLiteral("exclusive")).toBool(true);
         options.yieldOn = text(request, "yieldOn");
-        const qint64 afterRequests = integer(request, "afterRequests", 1);
-        const qint64 afterMs = integer(request, "afterMs", 0);
-        const qint64 seconds = integer(request, "seconds", 0);
-        for (qint64 number : {afterRequests, afterMs, seconds})
-            if (number < 0 || number > kMaxCount)
-                return error(answer, kHLDInvalidArgumentError,
-                             QStringLiteral("hold-lock counts and times must be from 0 to %1").arg(kMaxCount));
-        options.afterRequests = static_cast<int>(afterRequests);
-        options.afterMs = static_cast<int>(afterMs);
-        options.seconds = static_cast<int>(seconds);
+        options.afterRequests = static_cast<int>(integer(request, "afterRequests", 1));
+        options.afterMs = static_cast<int>(integer(request, "afterMs", 0));
+        options.seconds = static_cast<int>(integer(request, "seconds", 0));
         QString message;
 #ifdef VIREO_HANDLINK_HAVE_LOCK_HOLDERS
         // "wait": held for as long as this connection lasts (handlinkctl hold-lock).

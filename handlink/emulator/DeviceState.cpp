@@ -20,6 +20,29 @@ namespace {
 
 QString domainKey(const QString& domain) { return domain.isEmpty() ? QString() : domain; }
 
+// The device keeps dates to the second, as device.plist holds them: a fraction of a second is
+// cut off when a value is set, so a date reads back the same before and after the device is
+// loaded again.
+QVariant wholeSeconds(const QVariant& value) {
+    switch (value.typeId()) {
+    case QMetaType::QDateTime: {
+        const QDateTime date = value.toDateTime().toUTC();
+        return date.addMSecs(-date.time().msec());
+    }
+    case QMetaType::QVariantList: {
+        QVariantList list = value.toList();
+        for (QVariant& item : list) item = wholeSeconds(item);
+        return list;
+    }
+    case QMetaType::QVariantMap: {
+        QVariantMap map = value.toMap();
+        for (QVariant& item : map) item = wholeSeconds(item);
+        return map;
+    }
+    default: return value;
+    }
+}
+
 }  // namespace
 
 std::shared_ptr<DeviceState> DeviceState::load(const QString& folderPath, QString* error) {
@@ -228,7 +251,7 @@ int32_t DeviceState::setValue(const QString& domain, const QString& key, const Q
     const bool hadDomain = global || _domains.contains(domain);
     QVariantMap& map = global ? _global : _domains[domain];
     const std::optional<QVariant> previous = map.contains(key) ? std::optional<QVariant>(map.value(key)) : std::nullopt;
-    map.insert(key, value);
+    map.insert(key, wholeSeconds(value));
     if (saveLocked(nullptr)) return kHLDSuccess;
     if (!hadDomain)
         _domains.remove(domain);

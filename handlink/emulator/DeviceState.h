@@ -70,7 +70,7 @@ public:
     // kHLDSetProhibitedError for read-only identity keys, kHLDInvalidArgumentError for a key
     // that is empty or a value that is not a property-list value, kHLDWriteError when
     // device.plist cannot be written (the value is then left as it was). The file is written
-    // atomically before this returns.
+    // atomically before this returns. Dates are kept to the second (a fraction is cut off).
     int32_t setValue(const QString& domain, const QString& key, const QVariant& value);
     static bool isReadOnlyKey(const QString& domain, const QString& key);
 

@@ -3,6 +3,7 @@
 // the connection; every request is counted by the device and may be struck by a fault.
 #include "handlink/HandlinkStatus.h"
 #include "handlink/emulator/Operations.h"
+#include "handlink/emulator/RequestTable.h"
 #include "handlink/emulator/Server.h"
 #include "handlink/wire/Values.h"
 
@@ -37,42 +38,52 @@ private:
         Handler handler;
         bool needsSession;
         const char* matchField;  // the request field a fault's --match compares with
+        req::Field fields[req::kMaxFields];
     };
 
-    // Answers one request; false ends the connection.
+    // Answers one request; false ends the connection. A request with a missing or ill-typed
+    // field is answered kHLDInvalidArgumentError before the device counts it.
     bool handle(const QCborMap& request) {
+        using req::need;
+        using req::may;
+        using req::Type;
         static const Request table[] = {
-            {"connect", &Lockdown::connect, false, "key"},
-            {"disconnect", &Lockdown::disconnect, false, "key"},
-            {"is-paired", &Lockdown::isPaired, false, "key"},
-            {"pair", &Lockdown::pair, false, "key"},
-            {"start-session", &Lockdown::startSession, false, "key"},
-            {"stop-session", &Lockdown::stopSession, true, "key"},
-            {"get-value", &Lockdown::getValue, true, "key"},
-            {"set-value", &Lockdown::setValue, true, "key"},
-            {"start-service", &Lockdown::startService, true, "service"},
+            {"connect", &Lockdown::connect, false, "key", {}},
+            {"disconnect", &Lockdown::disconnect, false, "key", {}},
+            {"is-paired", &Lockdown::isPaired, false, "key", {}},
+            {"pair", &Lockdown::pair, false, "key", {}},
+            {"start-session", &Lockdown::startSession, false, "key", {}},
+            {"stop-session", &Lockdown::stopSession, true, "key", {}},
+            {"get-value", &Lockdown::getValue, true, "key", {may("domain", Type::Text), may("key", Type::Text)}},
+            {"set-value", &Lockdown::setValue, true, "key",
+             {may("domain", Type::Text), need("key", Type::Text), may("value", Type::Value)}},
+            {"start-service", &Lockdown::startService, true, "service", {need("service", Type::Text)}},
         };
-        const QString op = request.value(QStringLiteral("op")).toString();
-        for (const Request& entry : table) {
-            if (op != QLatin1String(entry.op)) continue;
-            const QString match = request.value(QLatin1String(entry.matchField)).toString();
-            QCborMap answer;
-            int32_t status = kHLDSuccess;
-            if (auto fault = _device->receive(op, match)) {
-                status = *fault;
-            } else if (entry.needsSession && _sessionDepth == 0) {
-                status = kHLDSessionInactiveError;
-            } else {
-                const bool keepGoing = (this->*entry.handler)(request, &answer);
-                if (!keepGoing) return false;
-                status = wire::statusOf(answer);
-            }
-            if (status == kHLDNotConnectedError && _device->isDetached()) return false;
-            answer.insert(QStringLiteral("status"), status);
-            return wire::writeFrame(_fd, answer) && _connectDepth > 0;
+        const Request* entry = req::findRow(table, request);
+        if (!entry) {
+            replyError(_fd, kHLDUnknownPacketError, QStringLiteral("unknown lockdown request \"%1\"").arg(req::opName(request)));
+            return false;
         }
-        replyError(_fd, kHLDUnknownPacketError, QStringLiteral("unknown lockdown request \"%1\"").arg(op));
-        return false;
+        if (const QString why = req::checkFields(request, entry->fields); !why.isEmpty()) {
+            replyError(_fd, kHLDInvalidArgumentError, why);
+            return true;
+        }
+        const QString op = QLatin1String(entry->op);
+        const QString match = request.value(QLatin1String(entry->matchField)).toString();
+        QCborMap answer;
+        int32_t status = kHLDSuccess;
+        if (auto fault = _device->receive(op, match)) {
+            status = *fault;
+        } else if (entry->needsSession && _sessionDepth == 0) {
+            status = kHLDSessionInactiveError;
+        } else {
+            const bool keepGoing = (this->*entry->handler)(request, &answer);
+            if (!keepGoing) return false;
+            status = wire::statusOf(answer);
+        }
+        if (status == kHLDNotConnectedError && _device->isDetached()) return false;
+        answer.insert(QStringLiteral("status"), status);
+        return wire::writeFrame(_fd, answer) && _connectDepth > 0;
     }
 
     static bool ok(QCborMap* answer) {
@@ -108,10 +119,9 @@ private:
     }
     bool getValue(const QCborMap& request, QCborMap* answer) {
         const QString domain = request.value(QStringLiteral("domain")).toString();
-        const QCborValue key = request.value(QStringLiteral("key"));
-        // No key: the whole domain as a dictionary.
-        const QVariant value = key.isString() && !key.toString().isEmpty() ? _device->value(domain, key.toString())
-                                                                           : QVariant(_device->values(domain));
+        const QString key = request.value(QStringLiteral("key")).toString();
+        // No key (or an empty one): the whole domain as a dictionary.
+        const QVariant value = key.isEmpty() ? QVariant(_device->values(domain)) : _device->value(domain, key);
         wire::insertValue(answer, QStringLiteral("value"), value);  // no value: no field
         return ok(answer);
     }
@@ -138,6 +148,8 @@ private:
 
 }  // namespace
 
+// The first request ("connect" with the device, its attachment and the host) was checked
+// against the table of connection kinds (Server.cpp).
 void serveLockdown(Server& server, int fd, const QCborMap& first) {
     const QString identifier = first.value(QStringLiteral("device")).toString();
     const int64_t attachment = first.value(QStringLiteral("attachment")).toInteger();

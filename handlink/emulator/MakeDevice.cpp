@@ -35,8 +35,9 @@ QString macAddress(const QByteArray& hash) {
     return parts.join(QLatin1Char(':'));
 }
 
-// The global domain: every key of the device key table of the metadata file, plus a few more
-// that carry the remaining property-list types (date, data, array).
+// The global domain: every key of the device key table of the metadata file, each with a value
+// of the type a device of its class reports, the same for the same folder name and seed; plus
+// a few more keys that carry the remaining property-list types (date, data, array, dict).
 QVariantMap globalValues(const QString& identifier, const MakeDeviceOptions& options, const QString& folderName) {
     const bool zephyr = options.deviceClass == QLatin1String("Zephyr");
     const QByteArray h = seedHash(QStringLiteral("device"), folderName, options.seed);
@@ -45,21 +46,23 @@ QVariantMap globalValues(const QString& identifier, const MakeDeviceOptions& opt
     const qint64 systemCapacity = 2684354560LL;  // 2.5 GiB: more than 2^31 on purpose
     const qint64 dataCapacity = diskCapacity - systemCapacity;
     const qint64 dataAvailable = dataCapacity / 3;
+    // The device's clock when the folder was made: 2023-05-14 10:15 UTC and up to a day more.
+    const double clock = 1684059300.0 + double(static_cast<unsigned char>(h[7]) * 337) + 0.25;
     QVariantMap v;
     v.insert(QStringLiteral("DeviceClass"), options.deviceClass);
     v.insert(QStringLiteral("UniqueDeviceID"), identifier);
     v.insert(QStringLiteral("DeviceName"), options.name);
-    v.insert(QStringLiteral("BuildVersion"), QStringLiteral("7C145"));
+    v.insert(QStringLiteral("BuildVersion"), QStringLiteral("3.1.2-b412"));
     v.insert(QStringLiteral("ProductVersion"), QStringLiteral("3.1.2"));
-    v.insert(QStringLiteral("ProductType"), zephyr ? QStringLiteral("Zephyr2,1") : QStringLiteral("Tamber3,1"));
-    v.insert(QStringLiteral("SerialNumber"), QStringLiteral("5K%1").arg(QString::fromLatin1(h.toHex().toUpper().left(9))));
-    v.insert(QStringLiteral("InternationalMobileEquipmentIdentity"), QStringLiteral("01%1").arg(digits(h, 13)));
-    v.insert(QStringLiteral("InternationalMobileSubscriberIdentity"), QStringLiteral("310410%1").arg(digits(h.mid(3), 9)));
-    v.insert(QStringLiteral("IntegratedCircuitCardIdentity"), QStringLiteral("8901410%1").arg(digits(h.mid(5), 13)));
-    v.insert(QStringLiteral("SIMStatus"), zephyr ? QStringLiteral("kCTSIMSupportSIMStatusReady")
-                                                 : QStringLiteral("kCTSIMSupportSIMStatusNotInserted"));
-    v.insert(QStringLiteral("BasebandVersion"), QStringLiteral("05.11.07"));
-    v.insert(QStringLiteral("FirmwareVersion"), QStringLiteral("iBoot-636.66"));
+    v.insert(QStringLiteral("ProductType"), zephyr ? QStringLiteral("Zephyr-2") : QStringLiteral("Tamber-3"));
+    v.insert(QStringLiteral("SerialNumber"),
+             QStringLiteral("%1%2").arg(zephyr ? QStringLiteral("ZP") : QStringLiteral("TB"), QString::fromLatin1(h.toHex().toUpper().left(9))));
+    v.insert(QStringLiteral("InternationalMobileEquipmentIdentity"), QStringLiteral("35%1").arg(digits(h, 13)));
+    v.insert(QStringLiteral("InternationalMobileSubscriberIdentity"), QStringLiteral("001010%1").arg(digits(h.mid(3), 9)));
+    v.insert(QStringLiteral("IntegratedCircuitCardIdentity"), QStringLiteral("8900101%1").arg(digits(h.mid(5), 12)));
+    v.insert(QStringLiteral("SIMStatus"), zephyr ? QStringLiteral("SIMReady") : QStringLiteral("SIMNotInserted"));
+    v.insert(QStringLiteral("BasebandVersion"), zephyr ? QStringLiteral("04.26.08") : QStringLiteral("none"));
+    v.insert(QStringLiteral("FirmwareVersion"), QStringLiteral("TamberBoot-412.66"));
     v.insert(QStringLiteral("WiFiAddress"), macAddress(h));
     v.insert(QStringLiteral("BluetoothAddress"), macAddress(h.mid(6)));
     v.insert(QStringLiteral("LumenHasConnected"), true);
@@ -76,20 +79,20 @@ QVariantMap globalValues(const QString& identifier, const MakeDeviceOptions& opt
     v.insert(QStringLiteral("VoicemailUsage"), qint64(zephyr ? 5242880 : 0));
     v.insert(QStringLiteral("NotesUsage"), qint64(65536));
     v.insert(QStringLiteral("MediaCacheUsage"), qint64(52428800));
-    v.insert(QStringLiteral("CalculateDiskUsage"), QStringLiteral("OkilyDokily"));
+    v.insert(QStringLiteral("CalculateDiskUsage"), true);  // the usage figures above are up to date
     v.insert(QStringLiteral("AmountCameraAvailable"), qint64(1073741824));
-    v.insert(QStringLiteral("TimeZoneOffsetFromUTC"), -28800.0);
+    v.insert(QStringLiteral("TimeZoneOffsetFromUTC"), -25200.0);
     v.insert(QStringLiteral("Language"), QStringLiteral("en"));
     v.insert(QStringLiteral("Locale"), QStringLiteral("en_US"));
-    v.insert(QStringLiteral("TimeIntervalSince1970"), double(QDateTime::currentSecsSinceEpoch()));
-    v.insert(QStringLiteral("TimeZone"), QStringLiteral("US/Pacific"));
+    v.insert(QStringLiteral("TimeIntervalSince1970"), clock);
+    v.insert(QStringLiteral("TimeZone"), QStringLiteral("America/Los_Angeles"));
     v.insert(QStringLiteral("Uses24HourClock"), false);
     v.insert(QStringLiteral("IsInternal"), false);
     v.insert(QStringLiteral("Internal"), false);
     v.insert(QStringLiteral("Standard"), true);
-    v.insert(QStringLiteral("ModelNumber"), zephyr ? QStringLiteral("MB702LL") : QStringLiteral("MC086LL"));
-    // Not in the key table, but a real device has them; they carry the other value types.
-    const QDateTime activated = QDateTime(QDate(2009, 6, 19), QTime(10, 0, 0), QTimeZone::utc());
+    v.insert(QStringLiteral("ModelNumber"), zephyr ? QStringLiteral("ZPH-216") : QStringLiteral("TMB-332"));
+    // Not in the key table, but a device has them; they carry the other value types.
+    const QDateTime activated = QDateTime(QDate(2023, 2, 6), QTime(9, 30, 0), QTimeZone::utc());
     v.insert(QStringLiteral("ActivationDate"), activated);
     v.insert(QStringLiteral("DevicePublicKey"), seedHash(QStringLiteral("key"), folderName, options.seed));
     v.insert(QStringLiteral("SupportedDeviceFamilies"), QVariantList{qint64(1), qint64(zephyr ? 2 : 3)});

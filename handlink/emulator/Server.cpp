@@ -1,6 +1,7 @@
 #include "handlink/emulator/Server.h"
 
 #include "handlink/HandlinkStatus.h"
+#include "handlink/emulator/RequestTable.h"
 #include "handlink/wire/Frame.h"
 
 #include <QCborArray>
@@ -135,7 +136,7 @@ bool Server::start(QString* error) {
         return false;
     }
     int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0) {
+    if (::pipe2(pipeFds, O_CLOEXEC | O_NONBLOCK) != 0) {
         if (error) *error = QStringLiteral("cannot make a pipe: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
         return false;
     }
@@ -167,10 +168,11 @@ void Server::stop() {
     for (auto& device : devices) device->detach();
     {
         std::lock_guard lock(_connectionsMutex);
-        for (Connection& connection : _connections) ::shutdown(connection.fd.get(), SHUT_RDWR);
+        for (Connection& connection : _connections)
+            if (connection.fd) ::shutdown(connection.fd.get(), SHUT_RDWR);
     }
-    // Connection threads never take _connectionsMutex, so joining outside it is safe; no new
-    // connection can appear, as the accept loop has ended.
+    // Connection threads take _connectionsMutex only for a moment as they end, so joining
+    // outside it is safe; no new connection can appear, as the accept loop has ended.
     for (Connection& connection : _connections)
         if (connection.thread.joinable()) connection.thread.join();
     {
@@ -199,7 +201,15 @@ void Server::acceptLoop() {
             if (errno == EINTR) continue;
             break;
         }
-        if (fds[0].revents) break;
+        if (fds[0].revents) {
+            // Woken by stop() or by a connection that ended: join the threads that are done.
+            char drained[64];
+            while (::read(_wakeRead.get(), drained, sizeof drained) > 0) {
+            }
+            if (_stopping.load()) break;
+            reapFinished();
+            continue;
+        }
         if (paused) {
             paused = false;
             continue;
@@ -219,7 +229,6 @@ void Server::acceptLoop() {
             continue;
         }
         reported = false;
-        reapFinished();
         ucred credentials{};
         socklen_t length = sizeof credentials;
         if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 ||
@@ -259,28 +268,50 @@ void Server::reapFinished() {
         if (connection.thread.joinable()) connection.thread.join();
 }
 
+namespace {
+
+// The connection kinds, by their first request: its fields and the handler that serves the
+// connection from then on (each kind has a table of its own further requests).
+struct Kind {
+    const char* op;
+    void (*serve)(Server&, int, const QCborMap&);
+    req::Field fields[req::kMaxFields];
+};
+
+const Kind kKinds[] = {
+    {"connect", &serveLockdown,
+     {req::need("device", req::Type::Text), req::may("attachment", req::Type::Integer, 0), req::may("host", req::Type::Text)}},
+    {"service", &serveService, {req::need("ticket", req::Type::Text)}},
+    {"control", &serveControl, {}},
+    {"events", &serveEvents, {}},
+};
+
+}  // namespace
+
 void Server::serve(Connection* connection) {
     const int fd = connection->fd.get();
     QCborMap first;
     const wire::ReadResult result = wire::readFrame(fd, &first);
     if (result != wire::ReadResult::Ok) {
         replyBadFrame(fd, result);
+    } else if (const Kind* kind = req::findRow(kKinds, first); !kind) {
+        replyError(fd, kHLDUnknownPacketError,
+                   QStringLiteral("the first request must be connect, service, control or events, not \"%1\"")
+                       .arg(req::opName(first)));
+    } else if (const QString why = req::checkFields(first, kind->fields); !why.isEmpty()) {
+        replyError(fd, kHLDInvalidArgumentError, why);
     } else {
-        const QString op = first.value(QStringLiteral("op")).toString();
-        if (op == QLatin1String("connect"))
-            serveLockdown(*this, fd, first);
-        else if (op == QLatin1String("service"))
-            serveService(*this, fd, first);
-        else if (op == QLatin1String("control"))
-            serveControl(*this, fd, first);
-        else if (op == QLatin1String("events"))
-            serveEvents(*this, fd, first);
-        else
-            replyError(fd, kHLDUnknownPacketError,
-                       QStringLiteral("the first request must be connect, service, control or events, not \"%1\"").arg(op));
+        kind->serve(*this, fd, first);
     }
-    ::shutdown(fd, SHUT_RDWR);
-    connection->done.store(true);
+    // The descriptor goes at once (under the lock, so stop() never shuts down a number that
+    // was reused meanwhile); the accept loop is woken to join the thread.
+    {
+        std::lock_guard lock(_connectionsMutex);
+        connection->fd.reset();
+        connection->done.store(true);
+    }
+    const char reap = 'r';
+    (void)!::write(_wakeWrite.get(), &reap, 1);
 }
 
 // ---- devices ----

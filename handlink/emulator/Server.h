@@ -3,7 +3,8 @@
 // devices, event listeners, notification watchers and service tickets. Emulator (in-process)
 // and handlinkd run the same server.
 //
-// Thread-safe. Connection threads run until their peer closes, the device detaches or stop().
+// Thread-safe. Connection threads run until their peer closes, the device detaches or stop();
+// each closes its descriptor as it ends, and the accept loop joins it.
 // Lock order: _devicesMutex before _connectionsMutex; neither is held while a connection
 // thread blocks on its socket.
 #include "handlink/emulator/DeviceState.h"
@@ -76,9 +77,9 @@ public:
 
 private:
     struct Connection {
-        wire::UniqueFd fd;  // closed when the connection is reaped, after its thread ended
+        wire::UniqueFd fd;  // closed by the connection's thread as it ends (under _connectionsMutex)
         std::thread thread;
-        std::atomic<bool> done{false};
+        std::atomic<bool> done{false};  // the thread has ended its work; the accept loop joins it
     };
     struct Listener {
         int token;
@@ -98,7 +99,7 @@ private:
     std::atomic<bool> _stopping{false};
     std::atomic<uid_t> _allowedUid;
     wire::UniqueFd _listenFd;
-    wire::UniqueFd _wakeRead, _wakeWrite;  // wakes the accept loop at stop
+    wire::UniqueFd _wakeRead, _wakeWrite;  // wakes the accept loop: at stop, and to join ended connections
     std::thread _acceptThread;
 
     mutable std::mutex _devicesMutex;  // guards _devices, _eventListeners, _watchers, _tickets, _ticketLifetime, _nextToken, _nextAttachment
@@ -118,7 +119,7 @@ private:
     int _nextToken = 1;
     qint64 _nextAttachment = 1;
 
-    mutable std::mutex _connectionsMutex;  // guards _connections
+    mutable std::mutex _connectionsMutex;  // guards _connections and the descriptors in it
     std::list<Connection> _connections;
 
     mutable std::mutex _printerMutex;  // guards _printer

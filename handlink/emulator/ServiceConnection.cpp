@@ -3,6 +3,7 @@
 // the device detaches. The notification proxy is here; the file conduit has its own folder.
 #include "handlink/HandlinkStatus.h"
 #include "handlink/emulator/Operations.h"
+#include "handlink/emulator/RequestTable.h"
 #include "handlink/emulator/Server.h"
 
 #ifdef VIREO_HANDLINK_HAVE_FILE_CONDUIT
@@ -18,6 +19,44 @@ const QString kFileConduit = QStringLiteral("com.corvid.qfc");
 
 // The notification proxy: "post" {name} and "shutdown". A post that a fault strikes is
 // answered with its status and delivered to nobody. After a shutdown the device closes.
+// A handler answers the request; false ends the connection.
+using ProxyHandler = bool (*)(int fd, DeviceState& device, const QCborMap& request);
+
+bool postNotification(int fd, DeviceState& device, const QCborMap& request) {
+    const QString name = request.value(QStringLiteral("name")).toString();
+    if (name.isEmpty()) {
+        replyError(fd, kHLDInvalidArgumentError, QStringLiteral("a post needs a notification name"));
+        return true;
+    }
+    if (auto fault = device.receive(ops::kPostNotification, name)) {
+        replyStatus(fd, *fault);
+        return true;
+    }
+    device.recordPost(name);
+    replyStatus(fd, kHLDSuccess);
+    return true;
+}
+
+bool shutdownProxy(int fd, DeviceState& device, const QCborMap&) {
+    if (auto fault = device.receive(ops::kShutdownNotifications)) {
+        replyStatus(fd, *fault);
+        return true;
+    }
+    replyStatus(fd, kHLDSuccess);
+    return false;
+}
+
+struct ProxyRequest {
+    const char* op;
+    ProxyHandler handler;
+    req::Field fields[req::kMaxFields];
+};
+
+const ProxyRequest kProxyRequests[] = {
+    {"post", &postNotification, {req::need("name", req::Type::Text), req::may("userInfo", req::Type::Map)}},
+    {"shutdown", &shutdownProxy, {}},
+};
+
 void serveNotificationProxy(int fd, DeviceState& device) {
     for (;;) {
         QCborMap request;
@@ -26,30 +65,17 @@ void serveNotificationProxy(int fd, DeviceState& device) {
             replyBadFrame(fd, result);
             return;
         }
-        const QString op = request.value(QStringLiteral("op")).toString();
-        if (op == QLatin1String("post")) {
-            const QCborValue name = request.value(QStringLiteral("name"));
-            if (!name.isString() || name.toString().isEmpty()) {
-                replyError(fd, kHLDInvalidArgumentError, QStringLiteral("a post needs a notification name"));
-                continue;
-            }
-            if (auto fault = device.receive(ops::kPostNotification, name.toString())) {
-                replyStatus(fd, *fault);
-                continue;
-            }
-            device.recordPost(name.toString());
-            replyStatus(fd, kHLDSuccess);
-        } else if (op == QLatin1String("shutdown")) {
-            if (auto fault = device.receive(ops::kShutdownNotifications)) {
-                replyStatus(fd, *fault);
-                continue;
-            }
-            replyStatus(fd, kHLDSuccess);
-            return;
-        } else {
-            replyError(fd, kHLDUnknownPacketError, QStringLiteral("unknown notification proxy request \"%1\"").arg(op));
+        const ProxyRequest* entry = req::findRow(kProxyRequests, request);
+        if (!entry) {
+            replyError(fd, kHLDUnknownPacketError,
+                       QStringLiteral("unknown notification proxy request \"%1\"").arg(req::opName(request)));
             return;
         }
+        if (const QString why = req::checkFields(request, entry->fields); !why.isEmpty()) {
+            replyError(fd, kHLDInvalidArgumentError, why);
+            continue;
+        }
+        if (!entry->handler(fd, device, request)) return;
     }
 }
 
@@ -58,6 +84,8 @@ void serveNotificationProxy(int fd, DeviceState& device) {
 void serveService(Server& server, int fd, const QCborMap& first) {
     std::shared_ptr<DeviceState> device;
     QString service;
+    // The first request ("service" with its ticket) was checked against the table of
+    // connection kinds (Server.cpp).
     if (!server.redeemTicket(first.value(QStringLiteral("ticket")).toString(), &device, &service)) {
         replyError(fd, kHLDInvalidCheckinError, QStringLiteral("unknown, used or expired service ticket"));
         return;

@@ -2,9 +2,13 @@
 
 #include "handlink/HandlinkStatus.h"
 
+#include <QCborArray>
 #include <QCborStreamReader>
+#include <QCborStreamWriter>
+#include <QDateTime>
 #include <QCborValue>
 #include <cerrno>
+#include <limits>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -130,8 +134,50 @@ bool sendFileRange(int socketFd, int fileFd, off_t offset, size_t length) {
     return true;
 }
 
+namespace {
+
+// A date as the wire carries it (tag 0): UTC, "yyyy-MM-ddTHH:mm:ssZ", with three digits of
+// milliseconds before the "Z" only when the date has a fraction of a second. (Qt's own encoder
+// always writes the milliseconds, so a date of whole seconds would come back with ".000".)
+void writeDate(QCborStreamWriter& writer, const QDateTime& date) {
+    const QDateTime utc = date.toUTC();
+    writer.append(QCborKnownTags::DateTimeString);
+    writer.append(utc.toString(utc.time().msec() ? QStringLiteral("yyyy-MM-ddTHH:mm:ss.zzzZ")
+                                                 : QStringLiteral("yyyy-MM-ddTHH:mm:ssZ")));
+}
+
+void writeValue(QCborStreamWriter& writer, const QCborValue& value) {
+    switch (value.type()) {
+    case QCborValue::Map: {
+        const QCborMap map = value.toMap();
+        writer.startMap(static_cast<quint64>(map.size()));
+        for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
+            writeValue(writer, it.key());
+            writeValue(writer, it.value());
+        }
+        writer.endMap();
+        return;
+    }
+    case QCborValue::Array: {
+        const QCborArray array = value.toArray();
+        writer.startArray(static_cast<quint64>(array.size()));
+        for (const QCborValue& item : array) writeValue(writer, item);
+        writer.endArray();
+        return;
+    }
+    case QCborValue::DateTime: writeDate(writer, value.toDateTime()); return;
+    default: value.toCbor(writer); return;
+    }
+}
+
+}  // namespace
+
 QByteArray encodeFrame(const QCborMap& map) {
-    const QByteArray payload = map.toCborValue().toCbor();
+    QByteArray payload;
+    {
+        QCborStreamWriter writer(&payload);
+        writeValue(writer, map.toCborValue());
+    }
     QByteArray frame(4, Qt::Uninitialized);
     writeBigEndian(reinterpret_cast<unsigned char*>(frame.data()), static_cast<uint32_t>(payload.size()));
     frame.append(payload);
@@ -206,7 +252,10 @@ ReadResult FrameBuffer::next(QCborMap* out) {
 
 int32_t statusOf(const QCborMap& answer) {
     const QCborValue status = answer.value(QStringLiteral("status"));
-    if (!status.isInteger()) return kHLDInvalidResponseError;
+    // A status is a signed 32-bit integer; anything else is not an answer.
+    if (!status.isInteger() || status.toInteger() < std::numeric_limits<int32_t>::min() ||
+        status.toInteger() > std::numeric_limits<int32_t>::max())
+        return kHLDInvalidResponseError;
     return static_cast<int32_t>(status.toInteger());
 }
 

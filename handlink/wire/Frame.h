@@ -37,7 +37,8 @@ bool recvAll(int fd, void* data, size_t length, bool* cleanEof = nullptr);
 // file read needs no copy through user space. False on any failure or short file.
 bool sendFileRange(int socketFd, int fileFd, off_t offset, size_t length);
 
-// Header and payload of one frame.
+// Header and payload of one frame. Dates are written in UTC with whole seconds
+// ("2023-05-14T10:15:00Z"), and with milliseconds only when they have a fraction.
 QByteArray encodeFrame(const QCborMap& map);
 // Decodes a payload (without its header): Ok, NotCbor or NotMap.
 ReadResult decodePayload(const QByteArray& payload, QCborMap* out);
@@ -70,7 +71,8 @@ private:
     QByteArray _data;
 };
 
-// The "status" of an answer; kHLDInvalidResponseError when it is missing or not an integer.
+// The "status" of an answer; kHLDInvalidResponseError when it is missing or not a signed 32-bit
+// integer.
 int32_t statusOf(const QCborMap& answer);
 
 }  // namespace handlink::wire

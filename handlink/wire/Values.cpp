@@ -67,7 +67,13 @@ QVariant fromCbor(const QCborValue& value) {
     case QCborValue::Double: return value.toDouble();
     case QCborValue::True: return true;
     case QCborValue::False: return false;
-    case QCborValue::DateTime: return value.toDateTime().toUTC();
+    case QCborValue::DateTime: {
+        // A date text must say its zone ("Z" or an offset); one without would be read in the
+        // local time of whoever reads it.
+        const QDateTime date = value.toDateTime();
+        if (!date.isValid() || date.timeSpec() == Qt::LocalTime) return QVariant();
+        return date.toUTC();
+    }
     case QCborValue::ByteArray: return value.toByteArray();
     case QCborValue::Array: {
         QVariantList list;

@@ -1,8 +1,9 @@
 #pragma once
 // Property-list values on the wire: QVariant (platform/PropertyList.h types) <-> CBOR, keeping
 // the type. string <-> text string; integer <-> integer; real <-> float; bool <-> simple
-// true/false; date <-> tag 0 (date/time text); data <-> byte string; array <-> array;
-// dictionary (QVariantMap or OrderedDict) <-> map with text keys (decoded as QVariantMap).
+// true/false; date <-> tag 0 (date/time text with its zone, decoded as UTC to the millisecond;
+// encodeFrame() writes it, see Frame.h); data <-> byte string; array <-> array; dictionary
+// (QVariantMap or OrderedDict) <-> map with text keys (decoded as QVariantMap).
 #include <QCborMap>
 #include <QCborValue>
 #include <QString>

@@ -6,11 +6,15 @@
 #include <QTemporaryDir>
 #include <atomic>
 #include <csignal>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <thread>
 
 #include "HandlinkTestbed.h"
+#include "handlink/client/ControlClient.h"
+#include "handlink/client/DaemonSocket.h"
+#include "handlink/wire/Frame.h"
 #include "support/TestSupport.h"
 
 using namespace hltest;
@@ -346,6 +350,16 @@ qint64 addressSpaceOf(qint64 pid) {
     return 0;
 }
 
+// How many descriptors the daemon has open now.
+int descriptorsOf(qint64 pid) {
+    std::error_code error;
+    int count = 0;
+    for (auto it = std::filesystem::directory_iterator(QStringLiteral("/proc/%1/fd").arg(pid).toStdString(), error);
+         !error && it != std::filesystem::directory_iterator(); it.increment(error))
+        ++count;
+    return error ? -1 : count;
+}
+
 // The lowest descriptor number the daemon does not use: with its limit of open files there,
 // the next descriptor it opens fails.
 int lowestFreeDescriptorOf(qint64 pid) {
@@ -416,4 +430,42 @@ TEST_F(DaemonProcess, OutOfDescriptorsTheDaemonWaitsAndServesTheConnectionLater)
     EXPECT_TRUE(QString::fromUtf8(list.readAllStandardOutput()).contains(QStringLiteral("\tSolo\n")));
     daemonOut += QString::fromUtf8(daemon.readAllStandardOutput());
     EXPECT_EQ(daemonLines(QStringLiteral("cannot accept connections")).size(), 1);
+}
+
+TEST_F(DaemonProcess, AClosedConnectionGivesItsDescriptorBackAtOnce) {
+    ASSERT_EQ(ctl({QStringLiteral("make-device"), path(QStringLiteral("one")), QStringLiteral("--name"), QStringLiteral("Solo")}).exitCode, 0);
+    startDaemon({path(QStringLiteral("one"))});
+    const qint64 pid = daemon.processId();
+    const int baseline = descriptorsOf(pid);  // no connection yet
+    ASSERT_GT(baseline, 0);
+
+    // 200 connections of every kind the device classes open, each closed by this side: a control
+    // connection, a lockdown connection with a session, and its notification and conduit services.
+    QString error;
+    HLDeviceRef ref = handlink::client::copyDeviceForIdentifier(socket, identifierIn(ctl({QStringLiteral("list")}).out, QStringLiteral("Solo")), &error);
+    ASSERT_TRUE(ref) << error.toStdString();
+    for (int round = 0; round < 50; ++round) {
+        handlink::client::ControlClient control;
+        ASSERT_TRUE(control.open(socket, &error)) << error.toStdString();
+        ASSERT_EQ(HLDeviceConnect(ref), kHLDSuccess);
+        if (!HLDeviceIsPaired(ref)) {
+            ASSERT_EQ(HLDevicePair(ref), kHLDSuccess);
+        }
+        ASSERT_EQ(HLDeviceStartSession(ref), kHLDSuccess);
+        int proxy = -1, conduit = -1;
+        ASSERT_EQ(HLDeviceStartService(ref, QStringLiteral("com.corvid.mobile.notification_proxy"), &proxy, nullptr), kHLDSuccess);
+        ASSERT_EQ(HLDeviceStartService(ref, QStringLiteral("com.corvid.qfc"), &conduit, nullptr), kHLDSuccess);
+        QFCConnectionRef connection = nullptr;
+        ASSERT_EQ(QFCConnectionOpen(conduit, 0, &connection), kQFCSuccess);
+        EXPECT_EQ(QFCConnectionClose(connection), kQFCSuccess);
+        ::close(conduit);
+        ::close(proxy);
+        EXPECT_EQ(HLDeviceStopSession(ref), kHLDSuccess);
+        EXPECT_EQ(HLDeviceDisconnect(ref), kHLDSuccess);
+    }
+    HLDeviceRelease(ref);
+    // Each of them closed its descriptor when it ended, without waiting for a next connection
+    // (the wait is a bound against hangs; the count is what is checked).
+    testsupport::runUntil([&] { return descriptorsOf(pid) == baseline; }, 60000);
+    EXPECT_EQ(descriptorsOf(pid), baseline);
 }

@@ -3,6 +3,7 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTimeZone>
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
@@ -17,15 +18,52 @@ using namespace hltest;
 
 namespace {
 
-// The device key table of the metadata file, in its order.
-const char* const kDeviceKeys[] = {
-    "DeviceClass", "UniqueDeviceID", "DeviceName", "BuildVersion", "ProductVersion", "ProductType", "SerialNumber",
-    "InternationalMobileEquipmentIdentity", "InternationalMobileSubscriberIdentity", "IntegratedCircuitCardIdentity",
-    "SIMStatus", "BasebandVersion", "FirmwareVersion", "WiFiAddress", "BluetoothAddress", "LumenHasConnected",
-    "TotalDiskCapacity", "TotalSystemCapacity", "TotalSystemAvailable", "TotalDataCapacity", "TotalDataAvailable",
-    "AmountDataReserved", "AmountDataAvailable", "PhotoUsage", "CameraUsage", "CalendarUsage", "VoicemailUsage",
-    "NotesUsage", "MediaCacheUsage", "CalculateDiskUsage", "AmountCameraAvailable", "TimeZoneOffsetFromUTC", "Language",
-    "Locale", "TimeIntervalSince1970", "TimeZone", "Uses24HourClock", "IsInternal", "Internal", "Standard", "ModelNumber",
+// The device key table of the metadata file, in its order, with the type of each value.
+const struct {
+    const char* key;
+    QMetaType::Type type;
+} kDeviceKeys[] = {
+    {"DeviceClass", QMetaType::QString},
+    {"UniqueDeviceID", QMetaType::QString},
+    {"DeviceName", QMetaType::QString},
+    {"BuildVersion", QMetaType::QString},
+    {"ProductVersion", QMetaType::QString},
+    {"ProductType", QMetaType::QString},
+    {"SerialNumber", QMetaType::QString},
+    {"InternationalMobileEquipmentIdentity", QMetaType::QString},
+    {"InternationalMobileSubscriberIdentity", QMetaType::QString},
+    {"IntegratedCircuitCardIdentity", QMetaType::QString},
+    {"SIMStatus", QMetaType::QString},
+    {"BasebandVersion", QMetaType::QString},
+    {"FirmwareVersion", QMetaType::QString},
+    {"WiFiAddress", QMetaType::QString},
+    {"BluetoothAddress", QMetaType::QString},
+    {"LumenHasConnected", QMetaType::Bool},
+    {"TotalDiskCapacity", QMetaType::LongLong},
+    {"TotalSystemCapacity", QMetaType::LongLong},
+    {"TotalSystemAvailable", QMetaType::LongLong},
+    {"TotalDataCapacity", QMetaType::LongLong},
+    {"TotalDataAvailable", QMetaType::LongLong},
+    {"AmountDataReserved", QMetaType::LongLong},
+    {"AmountDataAvailable", QMetaType::LongLong},
+    {"PhotoUsage", QMetaType::LongLong},
+    {"CameraUsage", QMetaType::LongLong},
+    {"CalendarUsage", QMetaType::LongLong},
+    {"VoicemailUsage", QMetaType::LongLong},
+    {"NotesUsage", QMetaType::LongLong},
+    {"MediaCacheUsage", QMetaType::LongLong},
+    {"CalculateDiskUsage", QMetaType::Bool},
+    {"AmountCameraAvailable", QMetaType::LongLong},
+    {"TimeZoneOffsetFromUTC", QMetaType::Double},
+    {"Language", QMetaType::QString},
+    {"Locale", QMetaType::QString},
+    {"TimeIntervalSince1970", QMetaType::Double},
+    {"TimeZone", QMetaType::QString},
+    {"Uses24HourClock", QMetaType::Bool},
+    {"IsInternal", QMetaType::Bool},
+    {"Internal", QMetaType::Bool},
+    {"Standard", QMetaType::Bool},
+    {"ModelNumber", QMetaType::QString},
 };
 
 class Values : public AttachedDeviceTest {
@@ -118,19 +156,38 @@ void expectSameTyped(const QVariant& actual, const QVariant& expected, const QSt
 
 }  // namespace
 
-TEST_F(Values, ANewDeviceHasEveryKeyOfTheKeyTable) {
+TEST_F(Values, EveryDeviceAnswersEveryKeyOfTheKeyTableWithItsType) {
+    static_assert(std::size(kDeviceKeys) == 41);
+    auto zephyr = emulator->attach(makeDeviceFolder(QStringLiteral("Pocket"), QStringLiteral("Zephyr")));
+    ASSERT_TRUE(zephyr);
+    HLDeviceRef zephyrRef = refFor(zephyr->identifier());
+    ASSERT_TRUE(zephyrRef);
+    openSession(zephyrRef);
+    for (HLDeviceRef each : {ref, zephyrRef}) {
+        for (const auto& entry : kDeviceKeys) {
+            const QVariant value = HLDeviceCopyValue(each, QString(), QLatin1String(entry.key));  // no domain
+            EXPECT_EQ(value.typeId(), int(entry.type)) << entry.key << ": " << (value.isValid() ? value.typeName() : "no value");
+        }
+    }
+    closeSession(zephyrRef);
+    EXPECT_EQ(device->count(QStringLiteral("get-value")), int(std::size(kDeviceKeys)));
+
+    // The same folder name and seed make the same values.
     const QVariant all = HLDeviceCopyValue(ref, QString(), QString());  // no key: the whole domain
     ASSERT_EQ(all.typeId(), QMetaType::QVariantMap);
     const QVariantMap global = all.toMap();
-    for (const char* key : kDeviceKeys) EXPECT_TRUE(global.contains(QLatin1String(key))) << key;
+    handlink::emu::MakeDeviceOptions options;
+    options.name = QStringLiteral("Values Tamber");
+    const QString again = root() + QStringLiteral("/again/") + QFileInfo(device->folder()).fileName();
+    ASSERT_TRUE(handlink::emu::makeDevice(again, options));
+    const auto plist = platform::plist::readFile(handlink::emu::folder::plistPath(again));
+    ASSERT_TRUE(plist);
+    EXPECT_EQ(plist->toMap().value(QStringLiteral("Values")).toMap(), global);
 
     EXPECT_EQ(global.value(QStringLiteral("DeviceName")).toString(), QStringLiteral("Values Tamber"));
     EXPECT_EQ(global.value(QStringLiteral("DeviceClass")).toString(), QStringLiteral("Tamber"));
     EXPECT_EQ(global.value(QStringLiteral("UniqueDeviceID")).toString(), device->identifier());
-    EXPECT_EQ(global.value(QStringLiteral("TotalDiskCapacity")).typeId(), QMetaType::LongLong);
     EXPECT_GT(global.value(QStringLiteral("TotalSystemCapacity")).toLongLong(), qint64(1) << 31);
-    EXPECT_EQ(global.value(QStringLiteral("LumenHasConnected")).typeId(), QMetaType::Bool);
-    EXPECT_EQ(global.value(QStringLiteral("TimeZoneOffsetFromUTC")).typeId(), QMetaType::Double);
     // The other property-list types occur among the global values too.
     EXPECT_EQ(global.value(QStringLiteral("ActivationDate")).typeId(), QMetaType::QDateTime);
     EXPECT_EQ(global.value(QStringLiteral("DevicePublicKey")).typeId(), QMetaType::QByteArray);
@@ -154,9 +211,9 @@ TEST_F(Values, ADeviceOfEachClass) {
 
     QString error;
     handlink::emu::MakeDeviceOptions options;
-    options.deviceClass = QStringLiteral("Walkman");
+    options.deviceClass = QStringLiteral("Quillow");
     EXPECT_FALSE(handlink::emu::makeDevice(root() + QStringLiteral("/devices/bad"), options, &error));
-    EXPECT_TRUE(error.contains(QStringLiteral("Walkman")));
+    EXPECT_TRUE(error.contains(QStringLiteral("Quillow")));
     EXPECT_FALSE(handlink::emu::makeDevice(folder, {}, &error));  // a device folder already
     // A folder that is not a device cannot be attached.
     EXPECT_FALSE(emulator->attach(root() + QStringLiteral("/devices/none"), &error));
@@ -214,6 +271,20 @@ TEST_F(Values, TypedValuesRoundTripThroughTheLibraryAndDevicePlist) {
     const auto plist = platform::plist::readFile(handlink::emu::folder::plistPath(folder));
     ASSERT_TRUE(plist);
     expectSameTyped(plist->toMap().value(QStringLiteral("Domains")).toMap().value(QStringLiteral("com.example.types")), values,
+                    QStringLiteral("device.plist"));
+}
+
+TEST_F(Values, DatesAreKeptToTheSecond) {
+    // A fraction of a second is cut off when the device takes the value, also inside an array,
+    // so the date reads back the same now and from device.plist.
+    const QDateTime whole(QDate(2024, 2, 29), QTime(23, 59, 58), QTimeZone::utc());
+    ASSERT_EQ(HLDeviceSetValue(ref, QString(), QStringLiteral("custom.date"), whole.addMSecs(750)), kHLDSuccess);
+    ASSERT_EQ(HLDeviceSetValue(ref, QString(), QStringLiteral("custom.dates"), QVariantList{whole.addMSecs(1)}), kHLDSuccess);
+    expectSameTyped(HLDeviceCopyValue(ref, QString(), QStringLiteral("custom.date")), whole, QStringLiteral("date"));
+    expectSameTyped(HLDeviceCopyValue(ref, QString(), QStringLiteral("custom.dates")), QVariantList{whole}, QStringLiteral("dates"));
+    const auto plist = platform::plist::readFile(handlink::emu::folder::plistPath(device->folder()));
+    ASSERT_TRUE(plist);
+    expectSameTyped(plist->toMap().value(QStringLiteral("Values")).toMap().value(QStringLiteral("custom.date")), whole,
                     QStringLiteral("device.plist"));
 }
 

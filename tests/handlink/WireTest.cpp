@@ -151,6 +151,9 @@ TEST(WireFrames, StatusOfAnAnswer) {
     EXPECT_EQ(statusOf(answer), kHLDSessionInactiveError);
     answer.insert(QStringLiteral("status"), QStringLiteral("0"));
     EXPECT_EQ(statusOf(answer), kHLDInvalidResponseError);
+    // Statuses travel as signed 32-bit integers: the unsigned form of a device-layer code is none.
+    answer.insert(QStringLiteral("status"), qint64(0xE800000Bu));
+    EXPECT_EQ(statusOf(answer), kHLDInvalidResponseError);
 }
 
 TEST(WireValues, EveryPropertyListTypeKeepsItsType) {
@@ -179,6 +182,26 @@ TEST(WireValues, EveryPropertyListTypeKeepsItsType) {
     // Nothing, and what a property list cannot hold, is "no value".
     EXPECT_FALSE(fromCbor(toCbor(QVariant())).isValid());
     EXPECT_FALSE(fromCbor(QCborValue(QCborValue::Null)).isValid());
+}
+
+TEST(WireValues, DatesTravelInUtcWithMillisecondsOnlyWhenTheyHaveThem) {
+    const QDateTime whole(QDate(2021, 3, 4), QTime(5, 6, 7), QTimeZone::utc());
+    QCborMap map;
+    insertValue(&map, QStringLiteral("whole"), whole);
+    insertValue(&map, QStringLiteral("fraction"), whole.addMSecs(250));
+    insertValue(&map, QStringLiteral("offset"), whole.toOffsetFromUtc(7200));
+    const QByteArray frame = encodeFrame(map);
+    EXPECT_TRUE(frame.contains("2021-03-04T05:06:07Z"));
+    EXPECT_TRUE(frame.contains("2021-03-04T05:06:07.250Z"));
+    EXPECT_FALSE(frame.contains(".000"));
+    QCborMap back;
+    ASSERT_EQ(decodePayload(frame.mid(4), &back), ReadResult::Ok);
+    EXPECT_EQ(valueField(back, QStringLiteral("whole")), QVariant(whole));
+    EXPECT_EQ(valueField(back, QStringLiteral("fraction")), QVariant(whole.addMSecs(250)));
+    EXPECT_EQ(valueField(back, QStringLiteral("offset")).toDateTime().timeSpec(), Qt::UTC);
+    // A text with an offset is read in UTC; one without its zone is no date at all.
+    EXPECT_EQ(fromCbor(QCborValue(QCborKnownTags::DateTimeString, QStringLiteral("2021-03-04T07:06:07+02:00"))), QVariant(whole));
+    EXPECT_FALSE(fromCbor(QCborValue(QCborKnownTags::DateTimeString, QStringLiteral("2021-03-04T05:06:07"))).isValid());
 }
 
 TEST(WireValues, NoValueIsTheAbsenceOfTheField) {

@@ -357,16 +357,19 @@ TEST_F(FilesTest, AFileThatShrankBetweenReadsAnswersOnlyWhatIsLeft) {
 
 TEST_F(FilesTest, FifosAndOtherSpecialFilesAreRefusedWithoutHoldingUpTheConnection) {
     ASSERT_EQ(::mkfifo(media("pipe").c_str(), 0644), 0);
-    for (uint64_t mode : {uint64_t(1), uint64_t(2)}) {
-        QFCFileRef ref = 12345;
-        EXPECT_EQ(QFCFileRefOpen(conduit.connection, "pipe", mode, &ref), kQFCPermissionError) << mode;
-        EXPECT_EQ(ref, kQFCInvalidFileRef);
+    ASSERT_TRUE(makeSocketFile(media("socket")));
+    for (const auto& [name, type] : {std::pair{"pipe", "S_IFIFO"}, std::pair{"socket", "S_IFSOCK"}}) {
+        for (uint64_t mode : {uint64_t(1), uint64_t(2)}) {
+            QFCFileRef ref = 12345;
+            EXPECT_EQ(QFCFileRefOpen(conduit.connection, name, mode, &ref), kQFCPermissionError) << name << " " << mode;
+            EXPECT_EQ(ref, kQFCInvalidFileRef);
+        }
+        // The connection goes on; the file is described like any entry.
+        HLDStatus status = 0;
+        EXPECT_EQ(infoPairs(conduit.connection, name, &status)["st_ifmt"], type);
+        EXPECT_EQ(status, kQFCSuccess);
     }
-    // The connection goes on; the FIFO is described like any entry.
-    HLDStatus status = 0;
-    EXPECT_EQ(infoPairs(conduit.connection, "pipe", &status)["st_ifmt"], "S_IFIFO");
-    EXPECT_EQ(status, kQFCSuccess);
-    EXPECT_EQ(device->count("qfc-open"), 2);
+    EXPECT_EQ(device->count("qfc-open"), 4);
 }
 
 TEST_F(FilesTest, ANameLongerThanTheFileSystemAllowsIsAnInvalidArgument) {

@@ -222,6 +222,7 @@ TEST_F(LocksTest, HoldersRefuseEscapesFoldersAndSpecialFilesAndCreateNothingOuts
     ASSERT_EQ(::symlink("../../outside/holder.lock", media("out.lock").c_str()), 0);
     ASSERT_EQ(::symlink(outside("holder-abs.lock").c_str(), media("abs.lock").c_str()), 0);
     ASSERT_EQ(::mkfifo(media("fifo.lock").c_str(), 0644), 0);
+    ASSERT_TRUE(makeSocketFile(media("socket.lock")));
     const auto before = snapshotOutside(testRoot());
     const struct {
         const char* path;
@@ -231,6 +232,7 @@ TEST_F(LocksTest, HoldersRefuseEscapesFoldersAndSpecialFilesAndCreateNothingOuts
         {"abs.lock", kQFCPermissionError},        {"Folder/../../x.lock", kQFCPermissionError},
         {"/", kQFCIsDirectoryError},              {"Folder", kQFCIsDirectoryError},
         {"Missing/x.lock", kQFCNotFoundError},    {"fifo.lock", kQFCPermissionError},
+        {"socket.lock", kQFCPermissionError},     {"Missing/../x.lock", kQFCPermissionError},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path);

@@ -51,6 +51,8 @@ const char* const kEscapes[] = {
     "/..",
     "a/../../x",
     "a/b/../../../outside/secret.txt",
+    "missing/../a",          // ".." after a missing folder
+    "a/b/inside.txt/../b",   // ".." after a file
     "etc-link/passwd",
     "etc-link",
     "secrets-abs/new-file",
@@ -70,7 +72,7 @@ TEST_F(PathsTest, EveryEscapeIsRefusedWithPermission) {
         EXPECT_EQ(QFCDirectoryOpen(conduit.connection, path, &dir), kQFCPermissionError);
     }
     // Information and removal do not follow a final link: the link itself is inside.
-    for (const char* path : {"..", "../x", "a/../../x", "etc-link/passwd", "secrets-abs/new-file", "secrets-abs/keep.txt",
+    for (const char* path : {"..", "../x", "a/../../x", "missing/../a", "a/b/inside.txt/../b", "etc-link/passwd", "secrets-abs/new-file", "secrets-abs/keep.txt",
                              "a/secrets-rel/new-file", "a/secrets-rel/keep.txt", "a/b/../../../outside/secret.txt"}) {
         SCOPED_TRACE(path);
         HLDStatus status = 0;

@@ -4,6 +4,7 @@
 #include <QCryptographicHash>
 #include <QFile>
 #include <QTemporaryDir>
+#include <algorithm>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
@@ -112,6 +113,14 @@ TEST(SampleMediaTest, SmallIsRealisticAndUnderTwentyMegabytes) {
     struct stat big;
     ASSERT_EQ(::stat((media + "/Recordings/Long Session.m4a").toLocal8Bit().constData(), &big), 0);
     EXPECT_GT(big.st_size, 2 * 1000 * 1000);
+    // The bulk of the tracks is shelved by artist and album.
+    int tracks = 0;
+    for (const auto& [path, value] : tree.entries) {
+        if (path.rfind("Lumen_Control/Music/", 0) != 0 || value.rfind(std::to_string(S_IFREG) + " ", 0) != 0) continue;
+        EXPECT_EQ(std::count(path.begin(), path.end(), '/'), 4) << path;
+        ++tracks;
+    }
+    EXPECT_GT(tracks, 150);
 }
 
 TEST(SampleMediaTest, SizesAndFileCountsForBenchmarks) {

@@ -4,7 +4,10 @@
 #include <QDir>
 #include <QFile>
 #include <filesystem>
+#include <cstring>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "handlink/emulator/Emulator.h"
@@ -86,6 +89,18 @@ std::map<std::string, std::string> snapshotTree(const QString& folder) {
     const std::filesystem::path base = folder.toStdString();
     snapshotInto(base, base, false, &out);
     return out;
+}
+
+bool makeSocketFile(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) return false;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    const bool bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return bound;
 }
 
 std::map<std::string, std::string> infoPairs(QFCConnectionRef connection, const char* path, HLDStatus* status) {

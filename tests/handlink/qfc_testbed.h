@@ -25,6 +25,9 @@ std::map<std::string, std::string> snapshotOutside(const QString& root);
 // Every path below folder (relative) with its kind, size, modification time and digest.
 std::map<std::string, std::string> snapshotTree(const QString& folder);
 
+// Makes a Unix socket file at path (bound, then closed); false when it cannot.
+bool makeSocketFile(const std::string& path);
+
 // Reads the whole key/value list of a path (status through *status).
 std::map<std::string, std::string> infoPairs(QFCConnectionRef connection, const char* path, HLDStatus* status);
 // Every name of a directory listing, in the order the device gives them.

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 
 #include <QCborArray>
+#include <algorithm>
 
 #include "handlink/HandlinkStatus.h"
 #include "handlink/emulator/DeviceState.h"
@@ -40,7 +41,7 @@ ConduitSession::Outcome ConduitSession::directoryOpen(const QCborMap& request) {
         directory.listing = std::make_unique<DirectoryListing>(std::move(folder));
         directory.path = QString::fromUtf8(path.data(), static_cast<qsizetype>(path.size()));
         map.insert(QStringLiteral("dir"), static_cast<qint64>(handle));
-        const int max = static_cast<int>(request.value(QStringLiteral("max")).toInteger(0));
+        const int max = static_cast<int>(std::min<qint64>(request.value(QStringLiteral("max")).toInteger(0), kMaxBatchEntries));
         addBatch(directory, directoryReadsArmed() ? 0 : max, &map);
     }
     return answer(map) ? Outcome::Continue : Outcome::End;
@@ -72,7 +73,7 @@ ConduitSession::Outcome ConduitSession::directoryRead(const QCborMap& request) {
         return answer(map) ? Outcome::Continue : Outcome::End;
     }
     if (request.value(QStringLiteral("held")).toBool()) return answer(map) ? Outcome::Continue : Outcome::End;
-    const int max = static_cast<int>(request.value(QStringLiteral("max")).toInteger(1));
+    const int max = static_cast<int>(std::min<qint64>(request.value(QStringLiteral("max")).toInteger(1), kMaxBatchEntries));
     addBatch(directory, directoryReadsArmed() ? 1 : std::max(max, 1), &map);
     return answer(map) ? Outcome::Continue : Outcome::End;
 }

@@ -76,8 +76,8 @@ ConduitSession::Outcome ConduitSession::open(const QCborMap& request) {
 // file answers kQFCReadError instead of a length.
 ConduitSession::Outcome ConduitSession::read(const QCborMap& request) {
     OpenFile* open = file(request);
-    const qint64 asked = request.value(QStringLiteral("length")).toInteger(-1);
-    if (!open || asked < 0) return answerStatus(kQFCInvalidArgumentError) ? Outcome::Continue : Outcome::End;
+    const qint64 asked = request.value(QStringLiteral("length")).toInteger();  // at least 0 (the table)
+    if (!open) return answerStatus(kQFCInvalidArgumentError) ? Outcome::Continue : Outcome::End;
     const size_t length = static_cast<size_t>(std::min(static_cast<uint64_t>(asked), kMaxReadLength));
     if (_sender.stage(open->fd.get(), open->offset, length) != 0)
         return answerStatus(kQFCReadError) ? Outcome::Continue : Outcome::End;

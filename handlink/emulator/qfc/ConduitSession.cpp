@@ -24,20 +24,27 @@ namespace handlink::emu::qfc {
 
 // The requests of the conduit, each counted and faulted as its operation. qfc-dir-read is
 // counted by the dir-read handler (the call that asked for a batch) and by the reports of
-// reads the client answered from its batches.
+// reads the client answered from its batches. References and handles are any integers (one
+// that is not open answers kQFCInvalidArgumentError from its handler, counted).
+using req::need;
+using req::may;
+using req::Type;
 const ConduitSession::Request ConduitSession::kRequests[] = {
-    {"connect", "qfc-connect", Match::None, &ConduitSession::connect},
-    {"disconnect", "qfc-disconnect", Match::None, &ConduitSession::disconnect},
-    {"open", "qfc-open", Match::Path, &ConduitSession::open},
-    {"read", "qfc-read", Match::File, &ConduitSession::read},
-    {"lock", "qfc-lock", Match::File, &ConduitSession::lock},
-    {"unlock", "qfc-unlock", Match::File, &ConduitSession::unlock},
-    {"close", "qfc-close", Match::File, &ConduitSession::close},
-    {"remove", "qfc-remove", Match::Path, &ConduitSession::remove},
-    {"info", "qfc-info", Match::Path, &ConduitSession::info},
-    {"dir-open", "qfc-dir-open", Match::Path, &ConduitSession::directoryOpen},
-    {"dir-read", nullptr, Match::Directory, &ConduitSession::directoryRead},
-    {"dir-close", "qfc-dir-close", Match::Directory, &ConduitSession::directoryClose},
+    {"connect", "qfc-connect", Match::None, &ConduitSession::connect, {}},
+    {"disconnect", "qfc-disconnect", Match::None, &ConduitSession::disconnect, {may("reads", Type::Integer, 0)}},
+    {"open", "qfc-open", Match::Path, &ConduitSession::open, {need("path", Type::Bytes), need("mode", Type::Integer)}},
+    {"read", "qfc-read", Match::File, &ConduitSession::read, {need("ref", Type::Integer), need("length", Type::Integer, 0)}},
+    {"lock", "qfc-lock", Match::File, &ConduitSession::lock, {need("ref", Type::Integer), need("exclusive", Type::Bool)}},
+    {"unlock", "qfc-unlock", Match::File, &ConduitSession::unlock, {need("ref", Type::Integer)}},
+    {"close", "qfc-close", Match::File, &ConduitSession::close, {need("ref", Type::Integer)}},
+    {"remove", "qfc-remove", Match::Path, &ConduitSession::remove, {need("path", Type::Bytes)}},
+    {"info", "qfc-info", Match::Path, &ConduitSession::info, {need("path", Type::Bytes)}},
+    {"dir-open", "qfc-dir-open", Match::Path, &ConduitSession::directoryOpen,
+     {need("path", Type::Bytes), may("max", Type::Integer, 0)}},
+    {"dir-read", nullptr, Match::Directory, &ConduitSession::directoryRead,
+     {need("dir", Type::Integer), may("max", Type::Integer, 0), may("reads", Type::Integer, 0), may("held", Type::Bool)}},
+    {"dir-close", "qfc-dir-close", Match::Directory, &ConduitSession::directoryClose,
+     {need("dir", Type::Integer), may("reads", Type::Integer, 0)}},
 };
 
 namespace {
@@ -114,23 +121,28 @@ void ConduitSession::run() {
 }
 
 ConduitSession::Outcome ConduitSession::dispatch(const QCborMap& request) {
-    const QString op = request.value(QStringLiteral("op")).toString();
-    countReportedReads(request);  // before any fault: those calls were made
-    for (const Request& kind : kRequests) {
-        if (op != QLatin1String(kind.op)) continue;
-        if (kind.operation) {
-            if (std::optional<int32_t> fault = _device->receive(QLatin1String(kind.operation), matchText(kind.match, request))) {
-                if (_device->isDetached()) return Outcome::End;
-                return answerStatus(*fault) ? Outcome::Continue : Outcome::End;
-            }
-        }
-        return (this->*kind.handler)(request);
+    const Request* kind = req::findRow(kRequests, request);
+    if (!kind) {
+        QCborMap refusal;
+        refusal.insert(QStringLiteral("status"), kQFCUnknownPacketError);
+        refusal.insert(QStringLiteral("error"), QStringLiteral("unknown request \"%1\"").arg(req::opName(request)));
+        answer(refusal);
+        return Outcome::End;
     }
-    QCborMap refusal;
-    refusal.insert(QStringLiteral("status"), kQFCUnknownPacketError);
-    refusal.insert(QStringLiteral("error"), QStringLiteral("unknown request \"%1\"").arg(op));
-    answer(refusal);
-    return Outcome::End;
+    if (const QString why = req::checkFields(request, kind->fields); !why.isEmpty()) {
+        QCborMap refusal;
+        refusal.insert(QStringLiteral("status"), kQFCInvalidArgumentError);
+        refusal.insert(QStringLiteral("error"), why);
+        return answer(refusal) ? Outcome::Continue : Outcome::End;
+    }
+    countReportedReads(request);  // before any fault: those calls were made
+    if (kind->operation) {
+        if (std::optional<int32_t> fault = _device->receive(QLatin1String(kind->operation), matchText(kind->match, request))) {
+            if (_device->isDetached()) return Outcome::End;
+            return answerStatus(*fault) ? Outcome::Continue : Outcome::End;
+        }
+    }
+    return (this->*kind->handler)(request);
 }
 
 QString ConduitSession::matchText(Match match, const QCborMap& request) const {

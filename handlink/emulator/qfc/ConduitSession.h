@@ -2,8 +2,9 @@
 // One file-conduit connection of an emulated device (docs/protocol.md, "File conduit").
 //
 // Requests are read one at a time from the connection and answered in order. One static table
-// names every request with the operation it is counted and faulted as and what its match text
-// is; the dispatcher counts, applies faults and delays, and calls the handler. File references
+// names every request with the operation it is counted and faulted as, what its match text is,
+// and its fields; the dispatcher checks the fields (a missing or ill-typed one answers
+// kQFCInvalidArgumentError, uncounted), counts, applies faults and delays, and calls the handler. File references
 // and directory handles are small positive numbers, never reused on a connection; each file
 // reference is its own open file, so its flock lock is its own and goes when it is closed or
 // the connection ends. Runs on the connection's thread; nothing in it is shared but the arming
@@ -22,6 +23,7 @@
 #include <memory>
 #include <string>
 
+#include "handlink/emulator/RequestTable.h"
 #include "handlink/emulator/qfc/DirectoryListing.h"
 #include "handlink/emulator/qfc/FileSending.h"
 #include "handlink/emulator/qfc/FileStat.h"
@@ -60,6 +62,7 @@ private:
         const char* operation;  // counter and fault name
         Match match;
         Handler handler;
+        req::Field fields[req::kMaxFields];  // checked before anything else
     };
     static const Request kRequests[];
 

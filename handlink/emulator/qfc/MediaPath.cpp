@@ -14,19 +14,15 @@ namespace {
 
 constexpr int kMaxLinkExpansions = 40;
 
-struct Component {
-    std::string name;
-    bool fromLink;  // ".." is allowed inside a link's target, never in the caller's path
-};
-
-void splitInto(std::string_view path, bool fromLink, std::deque<Component>* out, bool front) {
-    std::vector<Component> parts;
+// The components of a path, without empty and "." ones.
+void splitInto(std::string_view path, std::deque<std::string>* out, bool front) {
+    std::vector<std::string> parts;
     size_t start = 0;
     while (start <= path.size()) {
         size_t end = path.find('/', start);
         if (end == std::string_view::npos) end = path.size();
         std::string_view part = path.substr(start, end - start);
-        if (!part.empty() && part != ".") parts.push_back({std::string(part), fromLink});
+        if (!part.empty() && part != ".") parts.emplace_back(part);
         start = end + 1;
     }
     if (front)
@@ -55,7 +51,8 @@ HLDStatus statusFromErrno(int error) {
     case EPERM:
     case ELOOP:
     case EXDEV:
-    case EROFS: return kQFCPermissionError;
+    case EROFS:
+    case ENXIO: return kQFCPermissionError;  // ENXIO: a socket file, or a device node without its device
     case EEXIST: return kQFCFileExistsError;
     case ENOTEMPTY:
     case EBUSY: return kQFCBusyError;
@@ -75,8 +72,12 @@ HLDStatus statusFromErrno(int error) {
 
 HLDStatus resolvePath(int root, std::string_view path, FinalLink final, ResolvedPath* out) {
     if (path.find('\0') != std::string_view::npos) return kQFCInvalidArgumentError;
-    std::deque<Component> pending;
-    splitInto(path, false, &pending, false);
+    std::deque<std::string> pending;
+    splitInto(path, &pending, false);
+    // ".." in the caller's path is refused wherever it stands, before anything is looked at:
+    // also after a missing component or a file ("missing/../x").
+    for (const std::string& name : pending)
+        if (name == "..") return kQFCPermissionError;
 
     // The folders walked so far, Media/ at the bottom; ".." from a link pops one.
     std::vector<UniqueFd> stack;
@@ -85,10 +86,10 @@ HLDStatus resolvePath(int root, std::string_view path, FinalLink final, Resolved
     int expansions = 0;
 
     while (!pending.empty()) {
-        Component c = std::move(pending.front());
+        std::string name = std::move(pending.front());
         pending.pop_front();
-        if (c.name == "..") {
-            if (!c.fromLink || stack.size() == 1) return kQFCPermissionError;
+        if (name == "..") {  // from a link's target (the caller's were refused above)
+            if (stack.size() == 1) return kQFCPermissionError;
             stack.pop_back();
             continue;
         }
@@ -96,34 +97,34 @@ HLDStatus resolvePath(int root, std::string_view path, FinalLink final, Resolved
         const int dir = stack.back().get();
         if (last && final == FinalLink::Keep) {
             out->parent = std::move(stack.back());
-            out->name = std::move(c.name);
+            out->name = std::move(name);
             return kQFCSuccess;
         }
         struct stat st;
-        if (::fstatat(dir, c.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno == ENOENT && last) {
                 out->parent = std::move(stack.back());
-                out->name = std::move(c.name);
+                out->name = std::move(name);
                 return kQFCSuccess;
             }
             return statusFromErrno(errno);
         }
         if (S_ISLNK(st.st_mode)) {
             std::string target;
-            if (++expansions > kMaxLinkExpansions || !readLink(dir, c.name, &target))
+            if (++expansions > kMaxLinkExpansions || !readLink(dir, name, &target))
                 return kQFCPermissionError;
             if (target.empty()) return kQFCNotFoundError;
             if (target.front() == '/') return kQFCPermissionError;
-            splitInto(target, true, &pending, true);
+            splitInto(target, &pending, true);
             continue;
         }
         if (last) {
             out->parent = std::move(stack.back());
-            out->name = std::move(c.name);
+            out->name = std::move(name);
             return kQFCSuccess;
         }
         if (!S_ISDIR(st.st_mode)) return kQFCNotFoundError;
-        UniqueFd next(::openat(dir, c.name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        UniqueFd next(::openat(dir, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!next) return errno == ELOOP ? kQFCPermissionError : statusFromErrno(errno);
         stack.push_back(std::move(next));
     }

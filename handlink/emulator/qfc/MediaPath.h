@@ -27,7 +27,8 @@ struct ResolvedPath {
 
 // Resolves `path` (UTF-8 bytes, relative to Media/; a leading "/" is Media/ itself) below the
 // open Media/ descriptor `root`. The final component may be missing (the caller decides what
-// that means). Returns kQFCSuccess; kQFCPermissionError for an escape or a symlink loop;
+// that means). Returns kQFCSuccess; kQFCPermissionError for a ".." component anywhere in the
+// path (checked before anything else but a NUL), an escape through a link or a symlink loop;
 // kQFCNotFoundError when an intermediate component is missing or not a folder;
 // kQFCInvalidArgumentError for a path holding a NUL byte or a component longer than the file
 // system allows (255 bytes).

@@ -21,7 +21,6 @@ constexpr uint64_t kLargeBytes = 1ull << 30;
 constexpr int kSmallFiles = 240;
 constexpr int kLargeFiles = 20000;
 constexpr int kSizedFiles = 2000;
-constexpr int kFilesPerFolder = 200;
 constexpr int64_t kEpoch = 1672531200;  // 2023-01-01 00:00:00 UTC: every time is after it
 
 const char* const kMissing[] = {
@@ -60,55 +59,57 @@ struct Fixed {
 // The fixed part of every sample. Sizes are either fixed or a share of the budget; the big
 // three at the end are the "few large files".
 const Fixed kFixed[] = {
+    // The Lumen library: its databases with their journals, and the property lists beside them.
     {"Lumen_Control/Lumen/Lumen Library.lmdb", Kind::Data, 0, 60},
     {"Lumen_Control/Lumen/Lumen Library.lmdb-journal", Kind::Empty, 0, 0},
-    {"Lumen_Control/Lumen/Library.sqlitedb", Kind::Data, 0, 30},
-    {"Lumen_Control/Lumen/Library.sqlitedb-wal", Kind::Data, 0, 5},
-    {"Lumen_Control/Lumen/Library.sqlitedb-shm", Kind::Data, 32768, 0},
-    {"Lumen_Control/Lumen/Dynamic.lmdb", Kind::Data, 0, 10},
-    {"Lumen_Control/Lumen/Dynamic.lmdb-journal", Kind::Empty, 0, 0},
-    {"Lumen_Control/Lumen/Extras.lmdb", Kind::Data, 0, 5},
-    {"Lumen_Control/Lumen/Genius.lmdb", Kind::Data, 0, 5},
-    {"Lumen_Control/Lumen/Locations.plist", Kind::Plist, 0, 0},
-    {"Lumen_Control/Lumen/Preferences.plist", Kind::Plist, 0, 0},
-    {"Lumen_Control/Lumen/Sync/SyncAnchors.plist", Kind::Plist, 0, 0},
-    {"Lumen_Control/Lumen/Sync/Previous/2023-05-14/Library.sqlitedb", Kind::Data, 0, 5},
-    {"Lumen_Control/Lumen/Sync/Previous/2023-05-14/Library.sqlitedb-journal", Kind::Empty, 0, 0},
-    {"Lumen_Control/Artwork/Caches/120x120/ArtworkDB", Kind::Data, 0, 4},
-    {"Lumen_Control/Artwork/Caches/600x600/ArtworkDB", Kind::Data, 0, 8},
-    {"Lumen_Control/Artwork/Originals/Album Covers/Björk – Début.jpg", Kind::Data, 0, 3},
-    {"Lumen_Control/Artwork/Originals/Album Covers/Café del Mar 3.jpg", Kind::Data, 0, 3},
+    {"Lumen_Control/Lumen/Play History.lmdb", Kind::Data, 0, 30},
+    {"Lumen_Control/Lumen/Play History.lmdb-journal", Kind::Data, 0, 5},
+    {"Lumen_Control/Lumen/Library Index.lmdb", Kind::Data, 32768, 0},
+    {"Lumen_Control/Lumen/Playlists.lmdb", Kind::Data, 0, 10},
+    {"Lumen_Control/Lumen/Playlists.lmdb-journal", Kind::Empty, 0, 0},
+    {"Lumen_Control/Lumen/Lyrics.lmdb", Kind::Data, 0, 5},
+    {"Lumen_Control/Lumen/Mixes.lmdb", Kind::Data, 0, 5},
+    {"Lumen_Control/Lumen/Library Folders.plist", Kind::Plist, 0, 0},
+    {"Lumen_Control/Lumen/Lumen Settings.plist", Kind::Plist, 0, 0},
+    {"Lumen_Control/Lumen/Sync/Sync State.plist", Kind::Plist, 0, 0},
+    {"Lumen_Control/Lumen/Sync/Previous/2023-05-14/Lumen Library.lmdb", Kind::Data, 0, 5},
+    {"Lumen_Control/Lumen/Sync/Previous/2023-05-14/Lumen Library.lmdb-journal", Kind::Empty, 0, 0},
+    // Artwork: caches named by the size of their pictures, and the originals.
+    {"Lumen_Control/Artwork/Caches/Covers 120x120.cache", Kind::Data, 0, 4},
+    {"Lumen_Control/Artwork/Caches/Covers 600x600.cache", Kind::Data, 0, 8},
+    {"Lumen_Control/Artwork/Originals/Album Covers/Mirela Ström – Första ljuset.jpg", Kind::Data, 0, 3},
+    {"Lumen_Control/Artwork/Originals/Album Covers/Café am Fluss 3.jpg", Kind::Data, 0, 3},
     {"Lumen_Control/Artwork/Originals/Album Covers/日本の歌.jpg", Kind::Data, 0, 3},
-    {"Debug/syncd.log", Kind::Text, 24000, 0},
-    {"Debug/lumend.log", Kind::Text, 9000, 0},
-    {"Debug/Crash Reports/Lumen-2023-05-14-101500.crash", Kind::Text, 6000, 0},
-    {"Debug/Crash Reports/Retired/2022/Lumen-2022-11-02-080102.crash", Kind::Text, 5000, 0},
+    {"Debug/Lumen Sync.log", Kind::Text, 24000, 0},
+    {"Debug/Lumen.log", Kind::Text, 9000, 0},
+    {"Debug/Crash Reports/Lumen 2023-05-14 10-15-00.log", Kind::Text, 6000, 0},
+    {"Debug/Crash Reports/Retired/2022/Lumen 2022-11-02 08-01-02.log", Kind::Text, 5000, 0},
     {"com.corvid.dbaccess.lock", Kind::Empty, 0, 0},
     {"com.corvid.lumen.lock_sync", Kind::Empty, 0, 0},
-    {"Downloads/downloads.28.sqlitedb", Kind::Data, 0, 2},
-    {"Downloads/downloads.28.sqlitedb-journal", Kind::Empty, 0, 0},
+    {"Downloads/Downloads.lmdb", Kind::Data, 0, 2},
+    {"Downloads/Downloads.lmdb-journal", Kind::Empty, 0, 0},
     {"Purchases/MobileDB/Purchases.lmdb", Kind::Data, 0, 6},
     {"Purchases/MobileDB/Purchases.lmdb-journal", Kind::Empty, 0, 0},
-    {"Purchases/MobileDB/Purchases.sqlitedb", Kind::Data, 0, 3},
+    {"Purchases/MobileDB/Purchase History.lmdb", Kind::Data, 0, 3},
     {"Purchases/StorePurchasesInfo.plist", Kind::Plist, 0, 0},
-    {"Purchases/Aurélie – Nouvelle Vague/01 Début.m4a", Kind::Data, 0, 20},
-    {"Purchases/Aurélie – Nouvelle Vague/02 Señorita.m4a", Kind::Data, 0, 18},
+    {"Purchases/Aurélie Marchal/Nouvelle Saison/01 Début.m4a", Kind::Data, 0, 20},
+    {"Purchases/Aurélie Marchal/Nouvelle Saison/02 Mañana clara.m4a", Kind::Data, 0, 18},
     {"Podcasts/MobileDB/Podcasts.lmdb", Kind::Data, 0, 4},
     {"Podcasts/MobileDB/Podcasts.lmdb-journal", Kind::Empty, 0, 0},
-    {"Podcasts/MobileArtworkDB/ArtworkDB", Kind::Data, 0, 2},
-    {"Podcasts/MobileArtworkDB/F00/0001.art", Kind::Data, 0, 1},
-    {"Podcasts/MobileArtworkDB/F01/0002.art", Kind::Data, 0, 1},
-    {"Podcasts/The Quiet Hour/Episode 12 – Über Stille.mp3", Kind::Data, 0, 30},
-    {"Podcasts/The Quiet Hour/Episode 13 – Тишина.mp3", Kind::Data, 0, 25},
-    {"Recordings/Recording 0001.m4a", Kind::Data, 0, 12},
+    {"Podcasts/MobileArtworkDB/Covers 120x120.cache", Kind::Data, 0, 2},
+    {"Podcasts/MobileArtworkDB/Covers 300x300.cache", Kind::Data, 0, 1},
+    {"Podcasts/MobileArtworkDB/Covers 600x600.cache", Kind::Data, 0, 1},
+    {"Podcasts/Lantern Hour/Episode 12 – Über Stille.mp3", Kind::Data, 0, 30},
+    {"Podcasts/Lantern Hour/Episode 13 – Тишина.mp3", Kind::Data, 0, 25},
+    {"Recordings/Rehearsal 1.m4a", Kind::Data, 0, 12},
     {"Recordings/Café Session.m4a", Kind::Data, 0, 10},
     {"Recordings/Notes/2019/März/Kiosk 日本.m4a", Kind::Data, 0, 6},
     {"Recordings/Notes/2019/März/empty take.m4a", Kind::Empty, 0, 0},
-    {"Books/Audio/Series A/Volume 1/Part 2/Ελληνικά/Chapter 01.m4b", Kind::Data, 0, 8},
-    {"Books/Audio/Series A/Volume 1/Part 2/Ελληνικά/Chapter 02.m4b", Kind::Data, 0, 8},
+    {"Books/Audio/Series A/Volume 1/Part 2/Ελληνικά/Chapter 01.m4a", Kind::Data, 0, 8},
+    {"Books/Audio/Series A/Volume 1/Part 2/Ελληνικά/Chapter 02.m4a", Kind::Data, 0, 8},
     {"Recordings/Long Session.m4a", Kind::Data, 0, 150},
-    {"Books/Audio/Series A/Volume 1/Part 1/Chapter 00 (Full).m4b", Kind::Data, 0, 120},
-    {"Lumen_Control/Music/Live Set (Full).m4a", Kind::Data, 0, 100},
+    {"Books/Audio/Series A/Volume 1/Part 1/Chapter 00 (Full).m4a", Kind::Data, 0, 120},
+    {"Lumen_Control/Music/Various Artists/Live at the Harbour/Live Set (Full).m4a", Kind::Data, 0, 100},
 };
 
 // Empty folders a device keeps around.
@@ -117,8 +118,14 @@ const char* const kEmptyFolders[] = {
     "Photos/Thumbs",
 };
 
+// Track titles in other scripts, for every 37th track of the bulk.
 const char* const kTitles[] = {
-    "Jóga", "Café del Mar", "Über den Wolken", "Ελληνικά", "日本の歌", "Привет", "Señorita", "Naïve Song",
+    "Sólskin", "Café am Fluss", "Über den Hügeln", "Ελληνικά", "日本の歌", "Привет", "Mañana clara", "Naïve Étude",
+};
+
+// Syllables of the invented artist, album and track names of the bulk.
+const char* const kSyllables[] = {
+    "ka", "lo", "mi", "ra", "ben", "tor", "sel", "du", "an", "ri", "mar", "bel", "os", "te", "lin", "ne", "fo", "sha",
 };
 
 class Writer {
@@ -217,7 +224,7 @@ private:
     bool writeText(int fd, uint64_t bytes) {
         std::string text;
         while (text.size() < bytes) {
-            text += "2023-05-14 10:15:" + std::to_string(10 + _rng.below(50)) + " syncd[" +
+            text += "2023-05-14 10:15:" + std::to_string(10 + _rng.below(50)) + " lumen-sync[" +
                     std::to_string(100 + _rng.below(900)) + "]: step " + std::to_string(_rng.below(10000)) + "\n";
         }
         text.resize(bytes);
@@ -232,7 +239,7 @@ private:
             char* data = reinterpret_cast<char*>(block.data());
             if (first) {
                 // A small header naming the kind of file, the way database files start.
-                const std::string tag = rel.ends_with(".lmdb") ? "LMDB format 1" : "TAMBER DATA";
+                const std::string tag = rel.ends_with(".lmdb") ? "LUMEN MEDIA DATABASE 1" : "TAMBER DATA";
                 std::memcpy(data, tag.data(), std::min<size_t>(tag.size() + 1, block.size() * 8));
                 first = false;
             }
@@ -271,25 +278,57 @@ bool parseSize(const QString& text, uint64_t* bytes) {
     return true;
 }
 
-// Folder names for the bulk of the tracks: "F00", "F01", ... as the device makes them.
-std::string bulkFolder(int index) {
-    char name[32];
-    std::snprintf(name, sizeof name, "Lumen_Control/Music/F%02d", index);
-    return name;
+// An invented word of two or three syllables, capitalised.
+std::string word(Rng& rng) {
+    std::string text;
+    const int syllables = 2 + static_cast<int>(rng.below(2));
+    for (int i = 0; i < syllables; ++i) text += kSyllables[rng.below(std::size(kSyllables))];
+    text[0] = static_cast<char>(text[0] - 'a' + 'A');
+    return text;
 }
 
-std::string bulkName(Rng& rng, int index, std::set<std::string>* used) {
+// A name of one or two words that `used` does not hold yet (and holds from now on).
+std::string uniqueName(Rng& rng, std::set<std::string>* used) {
     for (;;) {
-        std::string name;
-        if (index % 37 == 5) {
-            name = std::string(kTitles[rng.below(std::size(kTitles))]) + " " + std::to_string(index) + ".m4a";
-        } else {
-            for (int i = 0; i < 4; ++i) name += static_cast<char>('A' + rng.below(26));
-            name += ".m4a";
-        }
+        std::string name = word(rng);
+        if (rng.below(2)) name += " " + word(rng);
         if (used->insert(name).second) return name;
     }
 }
+
+// The bulk of the tracks, shelved the way the library keeps music: one folder per artist with
+// one to five albums of 8 to 16 tracks, each named by its number and title.
+class Shelf {
+public:
+    explicit Shelf(Rng& rng) : _rng(rng) {}
+
+    // The path of the bulk's next track (index counts from 0).
+    std::string next(int index) {
+        if (_tracksLeft == 0) {
+            if (_albumsLeft == 0) {
+                _artist = uniqueName(_rng, &_artists);
+                _albums.clear();
+                _albumsLeft = 1 + static_cast<int>(_rng.below(5));
+            }
+            _album = uniqueName(_rng, &_albums);
+            --_albumsLeft;
+            _tracksLeft = 8 + static_cast<int>(_rng.below(9));
+            _track = 0;
+        }
+        --_tracksLeft;
+        const std::string title =
+            index % 37 == 5 ? std::string(kTitles[_rng.below(std::size(kTitles))]) : word(_rng) + " " + word(_rng);
+        char number[16];
+        std::snprintf(number, sizeof number, "%02d ", ++_track);
+        return "Lumen_Control/Music/" + _artist + "/" + _album + "/" + number + title + ".m4a";
+    }
+
+private:
+    Rng& _rng;
+    std::set<std::string> _artists, _albums;
+    std::string _artist, _album;
+    int _albumsLeft = 0, _tracksLeft = 0, _track = 0;
+};
 
 }  // namespace
 
@@ -341,18 +380,16 @@ bool fillSampleMedia(const QString& mediaRoot, const MakeDeviceOptions& options,
     for (const char* folder : kEmptyFolders)
         if (!writer.folder(folder)) return failed();
 
-    // The bulk: tracks in folders of kFilesPerFolder, sizes around an even share of what is left.
+    // The bulk: tracks on the shelf, sizes around an even share of what is left.
     const int bulk = plan.files - static_cast<int>(std::size(kFixed));
     const uint64_t rest = plan.bytes > fixedBytes ? plan.bytes - fixedBytes : 0;
     const uint64_t mean = bulk > 0 ? rest / static_cast<uint64_t>(bulk) : 0;
-    std::set<std::string> used;
+    Shelf shelf(writer.rng());
     for (int i = 0; i < bulk; ++i) {
-        if (i % kFilesPerFolder == 0) used.clear();
-        const std::string folder = bulkFolder(i / kFilesPerFolder);
-        const std::string name = bulkName(writer.rng(), i, &used);
+        const std::string path = shelf.next(i);
         const uint64_t left = plan.bytes > writer.written() ? plan.bytes - writer.written() : 0;
         const uint64_t bytes = std::min(left, mean / 2 + writer.rng().below(mean + 1));
-        if (!writer.file(folder + "/" + name, i % 53 == 7 ? Kind::Empty : Kind::Data, bytes)) return failed();
+        if (!writer.file(path, i % 53 == 7 ? Kind::Empty : Kind::Data, bytes)) return failed();
     }
     if (!writer.finish()) return failed();
     return true;
