@@ -75,8 +75,8 @@ public:
     static QString versionText(const QString& shortVersion, const QString& buildVersion);
 
     // Takes the most recently attached device as the current one (a fresh object every
-    // time), writes "connected" and "activeConnectedLinkDevName" and clears the Check Status
-    // answer. Main thread.
+    // time), writes "connected" and "activeConnectedLinkDevName", clears the Check Status
+    // answer and rebuilds the debug settings for the new device. Main thread.
     void handlinkAvailabliltyDidChange() override;
 
     void orderFrontMainWindow();

@@ -1,8 +1,10 @@
 #include "app/WarningPanel.h"
 
+#include <QPointer>
 #include <QPushButton>
 #include <QStyle>
 
+#include "app/WindowLevel.h"
 #include "ui_WarningPanel.h"
 
 WarningPanel::WarningPanel(QWidget* parent) : QDialog(parent), _ui(std::make_unique<Ui::WarningPanel>())
@@ -43,8 +45,24 @@ QList<QPushButton*> WarningPanel::setAlert(const Alert& alert)
 
 int WarningPanel::runModal(const Alert& alert)
 {
+    // An alert that comes while this one waits (a job's question during the sync-debug
+    // question) gets a panel of its own above it, so the open alert keeps its text, its
+    // buttons and its answer.
+    if (_running)
+        return runModalAbove(alert);
     setAlert(alert);
     _answer = alert.escapeAnswer;  // what closing the panel without a button answers
+    _running = true;
     exec();
+    _running = false;
     return _answer;
+}
+
+int WarningPanel::runModalAbove(const Alert& alert)
+{
+    const QPointer<WarningPanel> above = new WarningPanel(parentWidget());
+    windowlevel::setLevel(above, windowlevel::level(this), parentWidget());
+    const int answer = above->runModal(alert);
+    delete above.data();  // unless its parent went away meanwhile
+    return answer;
 }

@@ -18,12 +18,16 @@ public:
     ~WarningPanel() override;
 
     // Fills the panel with the alert, runs it modally and answers the chosen button's index.
+    // Asked again while an alert is open, it runs the new one in a second panel above.
     int runModal(const Alert& alert) override;
     // Fills the panel without running it (for screenshots); returns the buttons, first first.
     QList<QPushButton*> setAlert(const Alert& alert);
 
 private:
+    int runModalAbove(const Alert& alert);
+
     std::unique_ptr<Ui::WarningPanel> _ui;
     QList<QPushButton*> _buttons;
     int _answer = kAlertFirstButtonReturn;
+    bool _running = false;  // runModal waits for this panel's answer
 };

@@ -2,6 +2,7 @@
 // name, clicked and typed with QTest): the sync-debug switch answered both ways, no device, the
 // custom item, two devices one after another, a device leaving while the question is open, and
 // the question in the warning panel. The devices' counters judge every write.
+#include <QApplication>
 #include <QCheckBox>
 #include <QLabel>
 #include <QLineEdit>
@@ -41,6 +42,19 @@ const QString kChange = QStringLiteral("com.corvid.mobiletamber.syncDebugChange"
 QVariant flag(bool on)
 {
     return qint64(on ? 1 : 0);
+}
+
+// Clicks the panel's button of this title; a panel without one is closed instead.
+bool answerWith(QWidget* panel, const QString& title)
+{
+    for (QPushButton* button : panel->findChildren<QPushButton*>()) {
+        if (button->text() == title) {
+            QTest::mouseClick(button, Qt::LeftButton);
+            return true;
+        }
+    }
+    panel->close();
+    return false;
 }
 
 // The whole application with the settings window in front; alerts answered from a script.
@@ -281,4 +295,43 @@ TEST_F(SettingsWindowTest, TheQuestionInTheWarningPanel)
         EXPECT_EQ(seen, (QStringList{question.informativeText, QStringLiteral("alertButton0=Delete Files*"),
                                      QStringLiteral("alertButton1=Keep")}));
     }
+}
+
+TEST_F(SettingsWindowTest, AJobsQuestionWhileTheSyncDebugQuestionIsOpen)
+{
+    auto device = attach(QStringLiteral("Busy Tamber"));
+    seed(*device, {{kEnabled, flag(true)}, {kRemoval, flag(false)}});
+    WarningPanel& panel = interface->warningPanel();
+    controller().setAlertPresenter(&panel);
+
+    // While the sync-debug question waits, a running job asks "Stop" or "Continue Anyways":
+    // it gets a panel of its own above the question, and each is answered by its own buttons.
+    Alert jobQuestion;
+    jobQuestion.messageText = QStringLiteral("HLDError: 'QFCFileRefRead()', hld_error = -402653173 (kHLDNotConnectedError).");
+    jobQuestion.buttons = {QStringLiteral("Stop"), QStringLiteral("Continue Anyways")};
+    std::optional<int> jobAnswer;
+    QStringList seen;
+    bool topLookedAt = false;
+    QTimer::singleShot(0, &panel, [&] {
+        QTimer::singleShot(0, &panel, [&] {
+            QWidget* top = QApplication::activeModalWidget();
+            if (top && top != &panel) {
+                seen << top->findChild<QLabel*>(QStringLiteral("messageLabel"))->text();
+                answerWith(top, QStringLiteral("Continue Anyways"));
+            }
+            topLookedAt = true;
+        });
+        jobAnswer = controller().runModal(jobQuestion);
+        seen << panel.findChild<QLabel*>(QStringLiteral("messageLabel"))->text();
+        EXPECT_TRUE(answerWith(&panel, QStringLiteral("Keep")));
+    });
+
+    clickCheckbox(checkbox);
+    ASSERT_TRUE(testsupport::runUntil([&] { return topLookedAt; }));
+
+    EXPECT_EQ(jobAnswer, kAlertSecondButtonReturn) << "the job's question waited for its own answer";
+    EXPECT_EQ(seen, (QStringList{jobQuestion.messageText, QStringLiteral("Delete Sync Data Files")}))
+        << seen.join(u'|').toStdString();
+    EXPECT_EQ(device->value(kDomain, kEnabled), flag(false));
+    EXPECT_EQ(device->value(kDomain, kRemoval), flag(false)) << "answered Keep: nothing is deleted";
 }
